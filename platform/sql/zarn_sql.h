@@ -1,0 +1,54 @@
+/* libzarn_sql: the process-wide MySQL connection pool over MariaDB Connector/C.
+ *
+ * Shard descriptions (DB_CREDENTIALS value in pbx.conf): "<shard>:<user>:<password>:<database>".
+ * Server lines (sqldbase.conf): "DB_MASTER <shard>:<host>:<port>" and
+ * "DB_SLAVE <shard>:<host>:<port>"; host may be an IPv6 literal (its colons are kept) or an
+ * absolute unix-socket path (port then ignored). Connections are pooled and reused; a lost
+ * connection is re-established once before a query fails; SELECTs may go to a slave, and a
+ * slave that fails is avoided for the down time. Connect/read/write timeouts are bounded. */
+#ifndef ZARN_SQL_H
+#define ZARN_SQL_H
+
+#include <mysql.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct fr_sql_conn fr_sql_conn_t;
+typedef struct fr_sql_shard fr_sql_shard_t;
+
+/* Resets the pool (drops shards, servers and idle connections); idle_timeout in seconds closes
+ * connections idle for longer. The two pointers are reserved (pass NULL). 0. */
+int fr_sqlpool_init_api(void *reserved1, void *reserved2, double idle_timeout);
+void fr_sqlpool_verbosity_set(int level);
+/* A shard description parsed from "<shard>:<user>:<password>:<database>", or NULL (logged). */
+fr_sql_shard_t *fr_sql_shard_parse_info(const char *text);
+/* Registers a parsed shard (the pool takes ownership). 0 or -1. */
+int fr_sqlpool_shard_add(fr_sql_shard_t *shard);
+/* Seconds a failed slave is avoided (default 30). */
+void fr_sqlpool_down_time_set(int seconds);
+/* Reads DB_MASTER / DB_SLAVE lines of path for every registered shard (shard NULL) or one.
+ * 0 when every shard considered has a master; non-zero otherwise. */
+int fr_sql_shard_parse_connection_info(const char *path, const char *shard, int required);
+/* A pooled connection of shard index (0: the first shard added), or NULL. */
+fr_sql_conn_t *fr_sqlpool_conn_get(int shard_index);
+/* Gives a connection back to the pool; NULL is ignored. */
+void fr_sqlpool_conn_free(fr_sql_conn_t *conn);
+/* Closes every connection and forgets the configuration. 0. */
+int fr_sqlpool_destroy(void);
+
+/* Formats and runs one statement. With store non-zero the whole result is stored and handed
+ * back in *result (NULL for statements without result set; free with mysql_free_result).
+ * 0 on success, non-zero on failure (mysql_error of fr_sql_conn_get_mysql tells why). */
+int fr_sql_conn_query(fr_sql_conn_t *conn, int store, MYSQL_RES **result, const char *fmt, ...)
+    __attribute__((format(printf, 4, 5)));
+/* The MYSQL handle of the connection's last statement (for mysql_error); never NULL for a
+ * valid connection. */
+MYSQL *fr_sql_conn_get_mysql(fr_sql_conn_t *conn);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
