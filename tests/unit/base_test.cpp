@@ -1,0 +1,491 @@
+// Base library: strings, counted strings, config reader, hash table, logger, descriptor I/O.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "cxx_util.hpp"
+#include "qx_paths.h"
+#include "zarn_base.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+std::string slurp(const fs::path &path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// A private directory, removed with everything in it.
+struct TempDir {
+    fs::path dir = fs::temp_directory_path() / ("qxbase." + std::to_string(getpid()));
+    TempDir() { fs::create_directories(dir); }
+    ~TempDir() { fs::remove_all(dir); }
+    std::string write(const std::string &name, const std::string &content) const {
+        std::ofstream(dir / name, std::ios::binary) << content;
+        return (dir / name).string();
+    }
+};
+
+double seconds_since(Clock::time_point t0) {
+    return std::chrono::duration<double>(Clock::now() - t0).count();
+}
+
+TEST(Trim, StripsIsspaceBytesFromTheRequestedEndsInPlace) {
+    struct Row {
+        const char *in;
+        int mode;
+        const char *out;
+    } rows[] = {
+        {"\t x \n", FR_TRIM_BOTH, "x"},
+        {"\t x \n", FR_TRIM_LEFT, "x \n"},
+        {"\t x \n", FR_TRIM_RIGHT, "\t x"},
+        {"\t x \n", 0, "\t x \n"},
+        {" \r\v\f", FR_TRIM_BOTH, ""},
+        {"a b", FR_TRIM_BOTH, "a b"},
+        {"\xa0x\xa0", FR_TRIM_BOTH, "\xa0x\xa0"},  // bytes above 127 are not blanks
+    };
+    for (const auto &r : rows) {
+        std::string buf(r.in);
+        EXPECT_EQ(fr_str_trim(buf.data(), r.mode), buf.data()) << "the text moves, not the pointer";
+        EXPECT_STREQ(buf.c_str(), r.out) << "[" << r.in << "] mode " << r.mode;
+    }
+    EXPECT_EQ(fr_str_trim(nullptr, FR_TRIM_BOTH), nullptr);
+}
+
+TEST(Explode, KeepsEmptyPiecesAndImplodesBackToTheInput) {
+    struct Row {
+        const char *in, *sep;
+        std::vector<std::string> pieces;
+    } rows[] = {
+        {"a::b", ":", {"a", "", "b"}},
+        {"a:b:", ":", {"a", "b", ""}},
+        {":a", ":", {"", "a"}},
+        {"", ":", {""}},
+        {"db:host:with:colons:3306", ":", {"db", "host", "with", "colons", "3306"}},
+        {"a, b,, c", ", ", {"a", "b,", "c"}},
+        {"xxx", "xx", {"", "x"}},
+    };
+    for (const auto &r : rows) {
+        size_t n = 99;
+        char **parts = fr_explode(r.in, r.sep, &n);
+        ASSERT_NE(parts, nullptr);
+        std::vector<std::string> got(parts, parts + n);
+        EXPECT_EQ(parts[n], nullptr);
+        EXPECT_EQ(got, r.pieces) << "[" << r.in << "] at [" << r.sep << "]";
+        qx::CStr joined(fr_implode(parts, n, r.sep));
+        EXPECT_STREQ(joined.get(), r.in);
+        fr_explode_free(parts);
+    }
+    size_t n = 7;
+    EXPECT_EQ(fr_explode("a", "", &n), nullptr);
+    EXPECT_EQ(fr_explode(nullptr, ":", &n), nullptr);
+    EXPECT_EQ(n, 0u);
+    char *one[] = {const_cast<char *>("a"), nullptr};
+    EXPECT_EQ(fr_implode(one, 2, ","), nullptr) << "a missing piece";
+    EXPECT_STREQ(qx::CStr(fr_implode(nullptr, 0, ",")).get(), "");
+}
+
+TEST(Base64, MatchesTheStandardVectors) {
+    struct Row {
+        std::string in, out;
+    } rows[] = {
+        {"", ""},
+        {"f", "Zg=="},
+        {"fo", "Zm8="},
+        {"foo", "Zm9v"},
+        {"foob", "Zm9vYg=="},
+        {"fooba", "Zm9vYmE="},
+        {"foobar", "Zm9vYmFy"},
+        {std::string("\0\xff\xfe", 3), "AP/+"},
+        {"\xfb\xff", "+/8="},
+    };
+    for (const auto &r : rows)
+        EXPECT_STREQ(qx::CStr(base64_enc_str(r.in.data(), r.in.size())).get(), r.out.c_str());
+}
+
+TEST(SafeStr, KeepsEmbeddedNulAndReadsLinesOfAnyLength) {
+    safestr_t *s = safestr_create_len("a\0b", 3);
+    EXPECT_EQ(safestr_length(s), 3u);
+    EXPECT_EQ(std::memcmp(safestr_cstr(s), "a\0b\0", 4), 0);
+    safestr_free(s);
+
+    TempDir tmp;
+    std::vector<std::string> lines = {"one\n", "\n", std::string(200000, 'x') + "\n", "no eol"};
+    std::string all;
+    for (const auto &l : lines)
+        all += l;
+    qx::File fp(std::fopen(tmp.write("lines", all).c_str(), "r"));
+    for (const auto &want : lines) {
+        safestr_t *got = safestr_readline(fp.get());
+        ASSERT_NE(got, nullptr);
+        EXPECT_EQ(std::string(safestr_cstr(got), safestr_length(got)), want);
+        safestr_free(got);
+    }
+    EXPECT_EQ(safestr_readline(fp.get()), nullptr);
+}
+
+TEST(ParseConfig, AcceptsEverySpellingAndIgnoresTheRest) {
+    const std::string longval(70000, 'v');
+    struct Row {
+        std::string file;
+        std::optional<std::string> value;  // of KEY; nullopt: left untouched
+    } rows[] = {
+        {"KEY value\n", "value"},
+        {"KEY = value\n", "value"},
+        {"KEY=value", "value"},
+        {"  KEY\t value with  inner  blanks \t\r\n", "value with  inner  blanks"},
+        {"KEY \"  padded  \"\n", "  padded  "},
+        {"KEY \"\"\n", ""},
+        {"KEY a = b\n", "a = b"},
+        {"KEY first\nKEY second\n", "second"},
+        {"KEY good\nKEY\nKEY =\nKEY \"open\n", "good"},
+        {"# KEY commented\n   # KEY commented\n", std::nullopt},
+        {"KEYS longer name\nkey lower case\n=KEY x\n\n", std::nullopt},
+        {"OTHER 1\nKEY " + longval + "\n", longval},
+    };
+    TempDir tmp;
+    for (const auto &r : rows) {
+        char *key = qx::c_copy("untouched");
+        const fr_conf_entry table[] = {{"KEY", FR_CONF_STRING, &key}};
+        EXPECT_EQ(parseconfig(tmp.write("c.conf", r.file).c_str(), table, 1), 0);
+        EXPECT_STREQ(key, r.value.value_or("untouched").c_str()) << "file:\n" << r.file;
+        std::free(key);
+    }
+}
+
+TEST(ParseConfig, FillsNumbersAndCountedStringsOnlyWhenValid) {
+    TempDir tmp;
+    std::string path = tmp.write(
+        "c.conf", "NUM 42\nNEG = -7\nBAD 12abc\nHUGE 99999999999\nQNUM \"5\"\nSS \"a b\"\n");
+    int num = 0, neg = 0, bad = 1, huge = 2, qnum = 0, absent = 3;
+    safestr_t *ss = safestr_create("old");
+    const fr_conf_entry table[] = {
+        {"NUM", FR_CONF_INT, &num},   {"NEG", FR_CONF_INT, &neg},
+        {"BAD", FR_CONF_INT, &bad},   {"HUGE", FR_CONF_INT, &huge},
+        {"QNUM", FR_CONF_INT, &qnum}, {"ABSENT", FR_CONF_INT, &absent},
+        {"SS", FR_CONF_SAFESTR, &ss},
+    };
+    EXPECT_EQ(parseconfig(path.c_str(), table, std::size(table)), 0);
+    EXPECT_EQ(std::vector<int>({num, neg, bad, huge, qnum, absent}),
+              std::vector<int>({42, -7, 1, 2, 5, 3}));
+    EXPECT_EQ(std::string(safestr_cstr(ss), safestr_length(ss)), "a b");
+    num = 0;
+    EXPECT_EQ(parseconfig((tmp.dir / "nope.conf").c_str(), table, std::size(table)), -1);
+    EXPECT_EQ(num, 0);
+    safestr_free(ss);
+}
+
+struct Counted {
+    int id;
+    int *destroyed;  // destroyed[id] counts destructor calls
+};
+
+TEST(Hash, StoresCopiesUnderBinaryKeysAndDestroysEachOnce) {
+    int destroyed[4] = {};
+    fr_hash_t *h = fr_hash_init_api(FR_HASH_KEY_BINARY, [](void *v) {
+        auto *c = static_cast<Counted *>(v);
+        return ++c->destroyed[c->id], 0;
+    });
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(fr_hash_empty(h), 1);
+    // Keys that differ only after an embedded NUL, and a 4-byte id the way callers key tables.
+    const std::string keys[] = {std::string("a\0b", 3), std::string("a\0c", 3), "a",
+                                std::string("\x07\0\0\0", 4)};
+    for (int i = 0; i < 4; ++i) {
+        Counted c{i == 3 ? 0 : i, destroyed};
+        ASSERT_EQ(fr_hash_force_add(h, keys[i].data(), keys[i].size(), &c, sizeof c), 0);
+        c.id = -1;  // the table keeps its own copy
+    }
+    Counted replacement{3, destroyed};
+    ASSERT_EQ(fr_hash_force_add(h, keys[3].data(), 4, &replacement, sizeof replacement), 0);
+    EXPECT_EQ(fr_hash_count(h), 4u);
+    EXPECT_EQ(fr_hash_find(h, "b", 1), nullptr);
+
+    fr_array_t *list = fr_hash_getkeys(h);
+    ASSERT_EQ(fr_array_length(list), 4u);
+    for (int i = 0; i < 4; ++i) {
+        auto *c = static_cast<Counted *>(fr_hash_find(h, keys[i].data(), keys[i].size()));
+        ASSERT_NE(c, nullptr);
+        EXPECT_EQ(c->id, i);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(c) % alignof(std::max_align_t), 0u);
+        size_t len = 0;
+        auto *k = static_cast<const char *>(fr_array_get(list, i, &len));
+        EXPECT_EQ(std::string(k, len), keys[i]) << "keys come back in insertion order";
+    }
+    EXPECT_EQ(fr_array_get(list, 4, nullptr), nullptr);
+    fr_array_free(list);
+
+    fr_hash_destroy(h);
+    EXPECT_EQ(h, nullptr);
+    EXPECT_EQ(std::vector<int>(destroyed, destroyed + 4), std::vector<int>({1, 1, 1, 1}));
+    EXPECT_EQ(fr_hash_init_api(0, nullptr), nullptr);
+}
+
+TEST(Hash, LockIsRecursiveAndKeepsOtherThreadsOut) {
+    fr_hash_t *h = fr_hash_init_api(FR_HASH_KEY_BINARY, nullptr);
+    int v = 1;
+    fr_hash_lock(h);
+    ASSERT_EQ(fr_hash_force_add(h, "k1", 2, &v, sizeof v), 0);  // must not deadlock
+    std::atomic<bool> added{false};
+    std::thread other([&] { added = fr_hash_force_add(h, "k2", 2, &v, sizeof v) == 0; });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_FALSE(added) << "another thread got in while the table was locked";
+    fr_hash_unlock(h);
+    other.join();
+    EXPECT_EQ(fr_hash_count(h), 2u);
+    fr_hash_destroy(h);
+}
+
+// ---- logger -----------------------------------------------------------------------------
+
+struct Captured {
+    int calls = 0, priority = -1, channel = -1;
+    std::string message;
+};
+
+TEST(Logger, SuppressedLinesAreNeverFormatted) {
+    struct Row {
+        int threshold, priority;
+        bool emitted;
+    } rows[] = {{7, 7, true}, {5, 7, false}, {5, 5, true}, {5, 3, true}, {3, 4, false}};
+    Captured cap;
+    fr_log_set_sink(
+        [](const char *, int, const char *, int channel, int priority, const char *msg, void *c) {
+            auto *cap = static_cast<Captured *>(c);
+            *cap = Captured{cap->calls + 1, priority, channel, msg};
+        },
+        &cap);
+    for (const auto &r : rows) {
+        fr_log_set_threshold(r.threshold);
+        cap = Captured{};
+        int evaluated = 0;
+        FR_LOG("src", 3, r.priority, "n=%d", ++evaluated);
+        EXPECT_EQ(evaluated, r.emitted ? 1 : 0) << "arguments of a dropped line were evaluated";
+        if (r.emitted) {
+            EXPECT_EQ(cap.message, "n=1");
+            EXPECT_EQ(cap.priority, r.priority);
+            EXPECT_EQ(cap.channel, 3);
+        }
+        // Called directly, the logger applies the threshold itself.
+        fr_log_impl("src", 1, "f", 3, r.priority, "direct");
+        EXPECT_EQ(cap.calls, r.emitted ? 2 : 0);
+    }
+    fr_log_impl("src", 1, "f", 3, LOG_EMERG, nullptr);
+    EXPECT_EQ(cap.calls, 0);
+    fr_log_set_sink(nullptr, nullptr);
+}
+
+TEST(Logger, SinkReceivesOneLineAtATime) {
+    struct Overlap {
+        std::atomic<bool> inside{false};
+        std::atomic<int> overlaps{0};
+        int lines = 0;  // not atomic on purpose: the logger's lock must protect it
+    } o;
+    fr_log_set_threshold(LOG_DEBUG);
+    fr_log_set_sink(
+        [](const char *, int, const char *, int, int, const char *, void *ctx) {
+            auto *o = static_cast<Overlap *>(ctx);
+            if (o->inside.exchange(true)) ++o->overlaps;
+            ++o->lines;
+            o->inside = false;
+        },
+        &o);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([] {
+            for (int i = 0; i < 2000; ++i)
+                FR_LOG("src", 3, LOG_DEBUG, "line %d", i);
+        });
+    for (auto &t : threads)
+        t.join();
+    fr_log_set_sink(nullptr, nullptr);
+    EXPECT_EQ(o.overlaps, 0);
+    EXPECT_EQ(o.lines, 8000);
+}
+
+// Replaces the LOG_ lines of the node's local.conf for the life of the object, keeping its
+// other settings. Swapped by rename, so concurrent readers never see a half-written file.
+class LocalConfOverride {
+  public:
+    explicit LocalConfOverride(const std::string &log_lines) {
+        fs::create_directories(fs::path(path_).parent_path());
+        if (fs::exists(path_)) original_ = slurp(path_);
+        std::string kept;
+        std::istringstream in(original_.value_or(""));
+        for (std::string l; std::getline(in, l);)
+            if (l.rfind("LOG_", 0) != 0) kept += l + "\n";
+        replace(kept + log_lines);
+    }
+    ~LocalConfOverride() { original_ ? replace(*original_) : void(fs::remove(path_)); }
+
+  private:
+    void replace(const std::string &content) {
+        std::ofstream(path_ + ".base_test", std::ios::binary) << content;
+        fs::rename(path_ + ".base_test", path_);
+    }
+    const std::string path_ = QX_LOCAL_CONF;
+    std::optional<std::string> original_;
+};
+
+struct NodeSetting {
+    const char *name, *level_line;
+    int pinned;  // threshold the program sets before its first line, or -1
+    int threshold;
+};
+
+class LoggerStartup : public ::testing::TestWithParam<NodeSetting> {};
+
+// Each case runs in a fresh process: the node's setting is loaded once per process.
+TEST_P(LoggerStartup, LoadsTheLevelOnceAndAppendsLinesToTheLogFile) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const NodeSetting &p = GetParam();
+    const fs::path log = fs::temp_directory_path() / (std::string("qx_base_test_") + p.name);
+    std::ofstream(log, std::ios::binary) << "old\n";
+    {
+        LocalConfOverride local(std::string(p.level_line) + "\nLOG_FILE " + log.string() + "\n");
+        EXPECT_EXIT(
+            {
+                if (p.pinned >= 0) fr_log_set_threshold(p.pinned);
+                int evaluated = 0;
+                FR_LOG("src", 3, LOG_DEBUG, "first %d", ++evaluated);
+                FR_LOG("src", 3, LOG_WARNING, "warning %d", 4);
+                FR_LOG("src", 3, LOG_ERR, "error\n");
+                FR_LOG("src", 3, LOG_DEBUG, "again %d", ++evaluated);
+                std::_Exit(fr_log_threshold * 10 + evaluated);
+            },
+            ::testing::ExitedWithCode(p.threshold * 10 + (p.pinned < 0) + (p.threshold == 7)), "");
+    }
+    std::string want = "old\n";
+    // The first line is formatted before the setting is known, but still held to it.
+    if (p.threshold == LOG_DEBUG) want += "first 1\n";
+    if (p.threshold >= LOG_WARNING) want += "warning 4\n";
+    if (p.threshold >= LOG_ERR) want += "error\n";
+    if (p.threshold == LOG_DEBUG) want += "again 2\n";
+    EXPECT_EQ(slurp(log), want);
+    fs::remove(log);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Levels, LoggerStartup,
+    ::testing::Values(NodeSetting{"word", "LOG_LEVEL warning", -1, LOG_WARNING},
+                      NodeSetting{"err", "LOG_LEVEL err", -1, LOG_ERR},
+                      NodeSetting{"error", "LOG_LEVEL = error", -1, LOG_ERR},
+                      NodeSetting{"digit", "LOG_LEVEL 6", -1, LOG_INFO},
+                      NodeSetting{"debug", "LOG_LEVEL debug", -1, LOG_DEBUG},
+                      NodeSetting{"absent", "", -1, LOG_NOTICE},
+                      NodeSetting{"unknown", "LOG_LEVEL loud", -1, LOG_NOTICE},
+                      NodeSetting{"range", "LOG_LEVEL 9", -1, LOG_NOTICE},
+                      NodeSetting{"pinned", "LOG_LEVEL err", LOG_INFO, LOG_INFO}),
+    [](const auto &info) { return std::string(info.param.name); });
+
+// ---- descriptors and processes ------------------------------------------------------------
+
+TEST(NbRead, WaitsNoLongerThanItsTimeout) {
+    struct Row {
+        const char *data;  // written before the read, or nullptr
+        bool close_writer;
+        float timeout;
+        ssize_t result;
+    } rows[] = {{nullptr, false, 0.2f, -1},
+                {"abc", false, 5.0f, 3},
+                {nullptr, true, 5.0f, 0},
+                {nullptr, false, 0.0f, -1},
+                {nullptr, false, -1.0f, -1}};
+    for (const auto &r : rows) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        qx::UniqueFd rd(ends[0]), wr(ends[1]);
+        if (r.data) {
+            ASSERT_EQ(write(wr.get(), r.data, 3), 3);
+        }
+        if (r.close_writer) wr.reset();
+        char buf[16];
+        errno = 0;
+        auto t0 = Clock::now();
+        EXPECT_EQ(fr_read_nb(rd.get(), buf, sizeof buf, r.timeout), r.result);
+        EXPECT_LT(seconds_since(t0), std::max(r.timeout, 0.0f) + 1.0);
+        if (r.result < 0) {
+            EXPECT_EQ(errno, ETIMEDOUT);
+            EXPECT_GE(seconds_since(t0), r.timeout * 0.9);
+        }
+    }
+}
+
+TEST(NbWrite, ConnectsAndGivesUpOnAPeerThatStopsReading) {
+    TempDir tmp;
+    const std::string path = (tmp.dir / "console.sock").string();
+    qx::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strcpy(addr.sun_path, path.c_str());
+    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+    ASSERT_EQ(listen(listener.get(), 4), 0);
+    qx::UniqueFd client(fr_connect_nb_unix(path.c_str(), 1.0f));
+    ASSERT_TRUE(client);
+    qx::UniqueFd server(accept(listener.get(), nullptr, nullptr));
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    qx::UniqueFd pipe_rd(ends[0]), pipe_wr(ends[1]);
+
+    const std::string big(4 << 20, 'x');
+    for (auto [wr, rd] : {std::pair{client.get(), server.get()}, {pipe_wr.get(), pipe_rd.get()}}) {
+        ASSERT_EQ(fr_write_nb_full(wr, "cmd", 4, 1.0f), 4);
+        char buf[8] = {};
+        EXPECT_EQ(fr_read_nb(rd, buf, sizeof buf, 1.0f), 4);
+        EXPECT_STREQ(buf, "cmd");
+        // Both descriptors block: a write beyond the buffer must still end at the deadline.
+        auto t0 = Clock::now();
+        EXPECT_EQ(fr_write_nb_full(wr, big.data(), big.size(), 0.2f), -1);
+        EXPECT_EQ(errno, ETIMEDOUT);
+        EXPECT_LT(seconds_since(t0), 2.0);
+    }
+    struct Row {
+        std::string path;
+        int err;
+    } bad[] = {{(tmp.dir / "absent.sock").string(), ENOENT}, {std::string(200, 'p'), ENAMETOOLONG}};
+    for (const auto &r : bad) {
+        EXPECT_EQ(fr_connect_nb_unix(r.path.c_str(), 0.5f), -1);
+        EXPECT_EQ(errno, r.err);
+    }
+}
+
+TEST(Spawn, RunsTheProgramWithoutAShellAndPipesItsOutput) {
+    char *argv[] = {const_cast<char *>("/bin/echo"), const_cast<char *>("a  b"),
+                    const_cast<char *>("$HOME;*"), nullptr};
+    int out = -1;
+    pid_t pid = fr_spawn_async_piped("/bin/echo", argv, &out);
+    ASSERT_GT(pid, 0);
+    qx::UniqueFd rd(out);
+    EXPECT_TRUE(fcntl(out, F_GETFD) & FD_CLOEXEC);
+    std::string got;
+    char buf[4];
+    ssize_t n;
+    // Reaching end of file proves the parent kept no copy of the pipe's write side.
+    while ((n = fr_read_nb(out, buf, sizeof buf, 5.0f)) > 0)
+        got.append(buf, n);
+    EXPECT_EQ(n, 0);
+    EXPECT_EQ(got, "a  b $HOME;*\n");
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(fr_spawn_async_piped("/nonexistent/prog", argv, &out), -1);
+}
+
+}  // namespace
