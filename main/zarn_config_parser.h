@@ -1,5 +1,5 @@
-/* Readers of the node's directive files (/etc/quorvex/*.conf). Out-strings are malloc'd and
- * owned by the caller; results are 0 or -1. */
+/* Readers of the node's directive files (the .conf files in /etc/quorvex). Out-strings are
+ * malloc'd and owned by the caller; results are 0 or -1. */
 #ifndef ZARN_CONFIG_PARSER_H
 #define ZARN_CONFIG_PARSER_H
 

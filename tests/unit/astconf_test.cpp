@@ -1,0 +1,124 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "utils.h"
+
+namespace {
+
+const char *keys[] = {"astspooldir", "astlibdir", "a=b", nullptr};
+using Values = std::vector<std::optional<std::string>>;
+const auto no = std::nullopt;
+
+// Writes content to a file, reads it with the section reader (section given) or the plain
+// reader (no section), and returns the three values.
+Values read(const std::string &content, std::optional<const char *> section) {
+    const auto path =
+        std::filesystem::temp_directory_path() / ("astconf_test." + std::to_string(getpid()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    safestr_t *values[3];
+    // The plain reader drops what the caller left in the array without freeing it.
+    for (auto &v : values)
+        v = section ? nullptr : reinterpret_cast<safestr_t *>(&values);
+    EXPECT_EQ(section ? get_astconf_section_values(path.c_str(), *section, keys, values)
+                      : get_astconf_values(path.c_str(), keys, values, 3),
+              0);
+    Values out;
+    for (auto *v : values) {
+        out.push_back(v ? std::optional<std::string>(safestr_cstr(v)) : no);
+        safestr_free(v);
+    }
+    std::filesystem::remove(path);
+    return out;
+}
+
+TEST(Astconf, SectionReaderLineRules) {
+    const char *dirs = "directories";
+    const struct {
+        std::string content;
+        const char *section;
+        Values want;
+    } rows[] = {
+        {"[directories]\nastspooldir => /a\nastlibdir=/b\n", dirs, {"/a", "/b", no}},
+        {"[directories]\nastspooldir => /a\nastspooldir => /b\n", dirs, {"/b", no, no}},
+        {"astspooldir => /x\n[directories]\nastlibdir => /b\n", dirs, {no, "/b", no}},
+        {"[g]\nastspooldir => /x\n[directories]\nastlibdir => /b\n", nullptr, {"/x", "/b", no}},
+        {"[directories]\nastspooldir => /a\n[x]\nastlibdir => /b\n", dirs, {"/a", no, no}},
+        {"  [directories](!)\nastspooldir => /a\n", dirs, {"/a", no, no}},
+        {"[directories]\n # see [x]\nastspooldir => /a\n", dirs, {"/a", no, no}},
+        {"[directories]\nastspooldir => /a[1]\nastlibdir => /b\n", dirs, {no, no, no}},
+        {"astspooldir => /a\nastspooldir =>\nastlibdir=  \t\n", nullptr, {"/a", no, no}},
+        {"  # astspooldir => /x\n; astlibdir => /y\n", nullptr, {no, no, no}},
+        {"astspooldir => /spool ; old\n", nullptr, {"/spool ; old", no, no}},
+        {"a=b=>c\nAstLibDir => /a\n", nullptr, {no, no, "c"}},
+        {" \tastspooldir \t =>  /a b \r\nastlibdir => " + std::string(5000, 'v'),
+         nullptr,
+         {"/a b", std::string(5000, 'v'), no}},
+    };
+    for (const auto &r : rows)
+        EXPECT_EQ(read(r.content, r.section), r.want) << r.content;
+}
+
+TEST(Astconf, PlainReaderTakesArrowsOnlyIn1023BytePieces) {
+    const struct {
+        std::string content;
+        Values want;
+    } rows[] = {
+        {"astspooldir=/srv\n[x]\nastlibdir => /b\n#astlibdir => /c\n", {no, "/b", no}},
+        {"astspooldir =>  \na=b=>c\n", {no, no, "c"}},
+        {std::string(1022, 'x') + "astlibdir => /b\n", {no, no, no}},  // key straddles the cut
+        {std::string(1023, 'x') + "astlibdir => /b\n", {no, "/b", no}},
+        {std::string(1024, 'x') + "astlibdir => /b\n", {no, no, no}},
+        {"astlibdir => " + std::string(2000, 'v'), {no, std::string(1023 - 13, 'v'), no}},
+    };
+    for (const auto &r : rows)
+        EXPECT_EQ(read(r.content, std::nullopt), r.want) << r.content;
+    safestr_t *values[3] = {};
+    EXPECT_EQ(get_astconf_section_values("/nonexistent", nullptr, keys, values), -1);
+    EXPECT_EQ(get_astconf_values("/nonexistent", keys, values, 3), -1);
+}
+
+TEST(Astconf, LineLayoutHelpers) {
+    for (auto [line, c1, c2, want] : {std::tuple{" \t\r\n", '#', '\0', 1},
+                                      {"  # x", '#', '\0', 1},
+                                      {"; x", '#', '\0', 0},
+                                      {"//x", '/', '/', 1},
+                                      {" /x", '/', '/', 0},
+                                      {"\xa0#", '#', '\0', 0}})
+        EXPECT_EQ(is_ignorable(line, c1, c2), want) << line;
+
+    for (auto [line, len, chars, want] : {std::tuple{"\t  x", 3, (const char *)nullptr, "\t "},
+                                          {"--x", 10, "-", "--"},
+                                          {"     ", 5, nullptr, "    "},
+                                          {"abc", 10, nullptr, ""}}) {
+        char dst[16];
+        std::memset(dst, 'Z', sizeof dst);
+        EXPECT_STREQ(get_start_padding(line, dst, len, chars), want);
+        EXPECT_EQ(std::string(dst + len, sizeof dst - len), std::string(sizeof dst - len, 'Z'));
+    }
+
+    for (auto [line, want] : {std::pair{"value ;note", " ;note"},
+                              {"value;note", ";note"},
+                              {";note", ";note"},
+                              {"  ;note", " ;note"},
+                              {"a \t;b ;c", " \t;b ;c"},
+                              {"value", ""}}) {
+        const char *got = get_inline_comment(line, nullptr, 0, ";");
+        EXPECT_STREQ(got, want);
+        if (*want) {
+            EXPECT_EQ(got, line + std::strlen(line) - std::strlen(want)) << "not into line";
+        }
+    }
+    char dst[8];
+    std::memset(dst, 'Z', sizeof dst);
+    EXPECT_EQ(get_inline_comment("value ;note", dst, 4, ";"), dst);
+    EXPECT_EQ(std::string(dst, sizeof dst), " ;noZZZZ");  // like strncpy: no terminator
+}
+
+}  // namespace
