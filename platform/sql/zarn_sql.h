@@ -18,16 +18,19 @@ extern "C" {
 typedef struct fr_sql_conn fr_sql_conn_t;
 typedef struct fr_sql_shard fr_sql_shard_t;
 
-/* Resets the pool (drops shards, servers and idle connections); idle_timeout in seconds closes
- * connections idle for longer. The two pointers are reserved (pass NULL). 0. */
+/* Resets the pool (drops shards, servers and idle connections; down time and verbosity back to
+ * their defaults); a connection idle for longer than idle_timeout seconds is checked before
+ * reuse and a surplus one closed (0: never). The two pointers are reserved (pass NULL). 0. */
 int fr_sqlpool_init_api(void *reserved1, void *reserved2, double idle_timeout);
 void fr_sqlpool_verbosity_set(int level);
 /* A shard description parsed from "<shard>:<user>:<password>:<database>", or NULL (logged). */
 fr_sql_shard_t *fr_sql_shard_parse_info(const char *text);
 /* Registers a parsed shard (the pool takes ownership). 0 or -1. */
 int fr_sqlpool_shard_add(fr_sql_shard_t *shard);
-/* Seconds a failed slave is avoided (default 30). */
+/* Seconds a failed slave is avoided (default 30; a negative value counts as 0). */
 void fr_sqlpool_down_time_set(int seconds);
+/* The down time in force. */
+int fr_sqlpool_down_time_get(void);
 /* Reads DB_MASTER / DB_SLAVE lines of path for every registered shard (shard NULL) or one.
  * 0 when every shard considered has a master; non-zero otherwise. */
 int fr_sql_shard_parse_connection_info(const char *path, const char *shard, int required);
