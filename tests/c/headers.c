@@ -14,6 +14,7 @@
 #include "zarn_db_files.h"
 #include "zarn_extension.h"
 #include "zarn_sql.h"
+#include "zarn_storage.h"
 #include "zarn_string.h"
 #include "zarn_user.h"
 #include "zarn_velkan.h"
@@ -50,7 +51,7 @@ int main(void) {
         (void *)vk_client_create,    (void *)ast_vk_init,           (void *)drmget_hash,
         (void *)qx_account_get_pref, (void *)qx_get_full_number,    (void *)quota_verify,
         (void *)qx_list_db_files,    (void *)qx_conf_parse_db_cred, (void *)get_astconf_values,
-        (void *)rasterisk,
+        (void *)rasterisk,           (void *)qx_storage_commit_file,
     };
     for (size_t i = 0; i < sizeof symbols / sizeof symbols[0]; ++i) CHECK(symbols[i] != NULL);
 
