@@ -1,0 +1,1292 @@
+// Quota engine: per-account quota files with dirty marks, usage measurement on disk and in the
+// database, the bottom-up subtree refresh, reading, and the fast update and verification used by
+// the telephony components.
+//
+// Quota files are shared between processes. Every writer holds an exclusive flock on the quota
+// file itself while it rewrites it; the slow refresh blocks for it, the fast update only tries a
+// few times and leaves a dirty mark when it cannot keep a file exact, so that the next slow
+// refresh recomputes it from the real data.
+#include "quota.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "cxx_util.hpp"
+#include "qx_paths.h"
+#include "sql_util.hpp"
+#include "utils.h"
+#include "zarn_base.h"
+#include "zarn_db_files.h"
+#include "zarn_string.h"
+#include "zarn_user.h"
+
+namespace {
+
+// ---- names, statements, formats and messages -------------------------------------------------
+
+constexpr char kSrc[] = "../main/quota";
+constexpr int kLogChannel = 3;
+constexpr int kLogError = 3;
+constexpr int kLogDebug = 7;
+
+constexpr char kMysqlErrorFmt[] = "../main/quota:%s:%d -MySQL error: %s\n";
+constexpr char kConditionFailedFmt[] = "%s:%d:condition failed\n";
+constexpr char kVerifyFmt[] =
+    " + quota_verify(target:%d, resid:%d, clid:%d, extid:%d) returned:%d (if >0 it means: "
+    "client.id:%d, client.level:%d)\n";
+
+// The blanks of the children statement are part of it, as the database logs show it.
+constexpr char kChildrenQuery[] =
+    " SELECT client.id, client.level  FROM client WHERE client.parent_client_id = '%s' ";
+constexpr char kChildIdsQuery[] =
+    "SELECT client.id FROM client WHERE client.parent_client_id = '%s'";
+
+constexpr char kResellerPathFmt[] = "%s/%d/_placeholder_.quota";
+constexpr char kClientPathFmt[] = "%s/%d/%d/_placeholder_.quota";
+constexpr char kOwnerPathFmt[] = "%s/%d/%d/%d/_placeholder_.quota";
+constexpr char kKindFileFmt[] = "%s/%s.quota";
+constexpr char kChildFileFmt[] = "%s/%d/%s.quota";
+constexpr char kDirtyFmt[] = "%s.dirty";
+constexpr char kRecordFmt[] = "%lld.%d";
+constexpr char kSoundDirFmt[] = "%s/sounds/.%s";
+constexpr char kMusicDirFmt[] = "%s/music/%s";
+constexpr char kVoicemailDirFmt[] = "%s/voicemail/%s/%s";
+constexpr char kSpoolMediaDirFmt[] = "%s/%s/%s";
+constexpr char kLevelFmt[] = "%d";
+
+constexpr char kQuotaDirDirective[] = "QUORVEX_QUOTA_D";
+constexpr char kAstDirsSection[] = "directories";
+constexpr char kAstSpoolKey[] = "astspooldir";
+constexpr char kAstVarlibKey[] = "astvarlibdir";
+constexpr char kOwnerName[] = "asterisk";
+
+constexpr int kKindCount = 5;
+constexpr int kKindAll = QUOTA_KIND_ALL;
+constexpr std::array<const char *, kKindCount> kKindNames = {"fax", "sound", "recording",
+                                                             "voicemail", "music"};
+constexpr std::array<const char *, kKindCount> kLimitPrefs = {"fax_storage", "max_sound",
+                                                              "max_record", "max_voice", "max_moh"};
+// Kinds kept in the database; the others are measured on disk.
+constexpr std::array<const char *, kKindCount> kFileTables = {
+    "extension_fax_center", nullptr, "extension_recording", "extension_voicemail", nullptr};
+constexpr int kKindFax = 0;
+constexpr int kKindSound = 1;
+constexpr int kKindRecording = 2;
+constexpr int kKindVoicemail = 3;
+constexpr int kKindMusic = 4;
+
+constexpr int kLevelRoot = 0;
+constexpr int kLevelReseller = 10;
+constexpr int kLevelClient = 50;
+constexpr int kLevelOwner = 100;
+constexpr int kLevelTop = 11;           // climbing stops below this level
+constexpr int kLevelWithChildren = 99;  // accounts up to this level have child accounts
+constexpr long long kLevelFactor = 10000000;
+
+constexpr mode_t kFileMode = 0660;
+constexpr mode_t kDirMode = 0770;
+constexpr mode_t kEngineUmask = 007;
+constexpr size_t kRecordMax = 31;    // a record never exceeds this many bytes
+constexpr int kRevisionLimit = 999;  // fast updates allowed before a refresh recomputes
+constexpr int kDefaultWait = 30;     // ms a fast update may wait for a lock
+constexpr int kLockStepMs = 10;
+constexpr float kLockStepSeconds = 0.01f;
+constexpr unsigned kIdWidth = 4;
+constexpr int kMaxClimb = 16;  // a healthy tree is four levels deep
+
+// ---- small helpers ---------------------------------------------------------------------------
+
+// Engine entry points create files meant for the whole asterisk group, whatever the caller's
+// umask is.
+class UmaskGuard {
+  public:
+    UmaskGuard() : old_(::umask(kEngineUmask)) {}
+    ~UmaskGuard() { ::umask(old_); }
+    UmaskGuard(const UmaskGuard &) = delete;
+    UmaskGuard &operator=(const UmaskGuard &) = delete;
+
+  private:
+    mode_t old_;
+};
+
+template <typename R, typename F>
+R guarded(R fallback, F &&body) noexcept {
+    try {
+        return std::forward<F>(body)();
+    } catch (...) {
+        return fallback;
+    }
+}
+
+bool valid_kind(int kind) {
+    return kind >= 0 && kind < kKindCount;
+}
+
+bool running_as_root() {
+    return ::getuid() == 0;
+}
+
+// atoll/atoi as glibc defines them (saturating instead of undefined on overflow).
+long long to_ll(const char *s) {
+    return std::strtoll(s, nullptr, 10);
+}
+int to_int(const char *s) {
+    return static_cast<int>(std::strtol(s, nullptr, 10));
+}
+
+long long saturating_add(long long a, long long b) {
+    long long r;
+    if (__builtin_add_overflow(a, b, &r)) return b > 0 ? LLONG_MAX : LLONG_MIN;
+    return r;
+}
+
+void free_string_array(char **array, size_t count) {
+    if (!array) return;
+    for (size_t i = 0; i < count; ++i)
+        std::free(array[i]);
+    std::free(array);
+}
+
+// ---- settings --------------------------------------------------------------------------------
+
+struct Settings {
+    std::string quota_root;
+    std::string spool_dir;
+    std::string varlib_dir;
+};
+
+Settings g_settings;
+std::once_flag g_settings_once;
+
+void load_settings() {
+    char *quota_dir = nullptr;
+    const fr_conf_entry table[] = {{kQuotaDirDirective, FR_CONF_STRING, &quota_dir}};
+    parseconfig(QX_PATHS_CONF, table, 1);
+    qx::CStr quota_dir_owner(quota_dir);
+
+    const char *keys[] = {kAstSpoolKey, kAstVarlibKey, nullptr};
+    safestr_t *values[2] = {nullptr, nullptr};
+    get_astconf_section_values(QX_ASTERISK_CONF, kAstDirsSection, keys, values);
+    auto take = [](safestr_t *value, const char *fallback) {
+        std::string out = value ? safestr_cstr(value) : fallback;
+        safestr_free(value);
+        return out;
+    };
+    // Take both values first so that neither leaks if the other throws.
+    std::string spool = take(values[0], QX_AST_SPOOL_DIR);
+    std::string varlib = take(values[1], QX_AST_VARLIB_DIR);
+
+    g_settings.quota_root = quota_dir && *quota_dir ? quota_dir : QX_QUOTA_DIR;
+    g_settings.spool_dir = spool.empty() ? QX_AST_SPOOL_DIR : std::move(spool);
+    g_settings.varlib_dir = varlib.empty() ? QX_AST_VARLIB_DIR : std::move(varlib);
+}
+
+// Loaded once per process; the telephony side calls the engine from several threads.
+const Settings &settings() {
+    std::call_once(g_settings_once, load_settings);
+    return g_settings;
+}
+
+// ---- owner of created files ------------------------------------------------------------------
+
+// 0 means "not looked up yet": asterisk is never root on a node.
+std::atomic<uid_t> g_owner_uid{0};
+std::atomic<gid_t> g_owner_gid{0};
+
+bool owner_ids(uid_t &uid, gid_t &gid) {
+    uid = g_owner_uid.load(std::memory_order_relaxed);
+    gid = g_owner_gid.load(std::memory_order_relaxed);
+    if (uid != 0 && gid != 0) return true;
+    if (get_ids(kOwnerName, kOwnerName, &uid, &gid) != 0) return false;
+    g_owner_uid.store(uid, std::memory_order_relaxed);
+    g_owner_gid.store(gid, std::memory_order_relaxed);
+    return true;
+}
+
+// A failed chown of a quota file or mark is tolerated: the file still holds the right value.
+void give_to_owner(int fd) {
+    if (!running_as_root()) return;
+    uid_t uid;
+    gid_t gid;
+    if (owner_ids(uid, gid) && ::fchown(fd, uid, gid) != 0) {
+        FR_LOG(kSrc, kLogChannel, kLogDebug, "%s:%d:chown failed: %s\n", kSrc, __LINE__,
+               std::strerror(errno));
+    }
+}
+
+// ---- paths -----------------------------------------------------------------------------------
+
+std::string kind_path(std::string path, int kind) {
+    size_t slash = path.rfind('/');
+    if (kind == kKindAll) {
+        path.resize(slash);
+    } else {
+        path.resize(slash + 1);
+        path += kKindNames[kind];
+        path += ".quota";
+    }
+    return path;
+}
+
+std::string reseller_qpath(int kind, int reseller) {
+    return kind_path(qx::format(kResellerPathFmt, settings().quota_root.c_str(), reseller), kind);
+}
+std::string client_qpath(int kind, int reseller, int client) {
+    return kind_path(qx::format(kClientPathFmt, settings().quota_root.c_str(), reseller, client),
+                     kind);
+}
+std::string owner_qpath(int kind, int reseller, int client, int owner) {
+    return kind_path(
+        qx::format(kOwnerPathFmt, settings().quota_root.c_str(), reseller, client, owner), kind);
+}
+
+std::string kind_file(const std::string &dir, int kind) {
+    return qx::format(kKindFileFmt, dir.c_str(), kKindNames[kind]);
+}
+
+std::string dirty_mark(const char *path) {
+    return qx::format(kDirtyFmt, path);
+}
+
+// Appends one path component: the number, or for 0 the text (without its leading zeros unless
+// keep_zeros). Ids arrive zero-padded from some callers; directories never are.
+void append_component(std::string &path, int number, const char *text, bool keep_zeros) {
+    if (path.empty() || path.back() != '/') path.push_back('/');
+    if (number != 0) {
+        path += std::to_string(number);
+        return;
+    }
+    if (!text) return;
+    if (!keep_zeros) {
+        while (*text == '0')
+            ++text;
+    }
+    path += text;
+}
+
+// ---- records ---------------------------------------------------------------------------------
+
+int read_record(int fd, long long *value, int *revision) {
+    if (!value) return -1;
+    char buf[kRecordMax + 1];
+    size_t got = 0;
+    while (got < kRecordMax) {
+        ssize_t n = ::read(fd, buf + got, kRecordMax - got);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) break;
+        got += static_cast<size_t>(n);
+    }
+    buf[got] = '\0';
+    char *dot = std::strchr(buf, '.');
+    if (!dot) return -1;
+    *dot = '\0';
+    *value = to_ll(buf);
+    if (revision) *revision = to_int(dot + 1);
+    return 0;
+}
+
+// Writes the record over the old one and then cuts the file to its length. Truncating to zero
+// first would make ext4 start writeback at close (costly on every fast update) and would let an
+// unlocked reader see an empty file; this way a reader always finds the new value before the
+// first '.'. Writers hold the file's lock, so the end state is the same.
+int write_record(int fd, long long value, int revision) {
+    char buf[kRecordMax + 1];
+    int len = std::snprintf(buf, sizeof buf, kRecordFmt, value, revision);
+    if (len < 1 || static_cast<size_t>(len) > kRecordMax) {
+        // A record that cannot be formatted leaves an empty (invalid) file, never the old value.
+        ::lseek(fd, 0, SEEK_SET);
+        int ignored = ::ftruncate(fd, 0);
+        (void)ignored;
+        return -1;
+    }
+    size_t done = 0;
+    const size_t total = static_cast<size_t>(len);
+    while (done < total) {
+        ssize_t n = ::pwrite(fd, buf + done, total - done, static_cast<off_t>(done));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) return -1;  // no progress on a regular file: give up rather than spin
+        done += static_cast<size_t>(n);
+    }
+    if (::ftruncate(fd, static_cast<off_t>(total)) != 0) return -1;
+    // Leave the offset after the record, where a sequential write would have left it.
+    ::lseek(fd, static_cast<off_t>(total), SEEK_SET);
+    return 0;
+}
+
+// Opens an existing quota file read-write or creates it (0660, given to asterisk). created
+// tells the caller that the file holds no record yet.
+qx::UniqueFd open_quota_file(const char *path, bool &created) {
+    created = false;
+    qx::UniqueFd fd(::open(path, O_RDWR | O_CLOEXEC));
+    if (fd || errno != ENOENT) return fd;
+    fd.reset(::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    if (fd) {
+        created = true;
+        give_to_owner(fd.get());
+        return fd;
+    }
+    // Another process created it in between: it is an existing file now.
+    if (errno == EEXIST) fd.reset(::open(path, O_RDWR | O_CLOEXEC));
+    return fd;
+}
+
+int lock_blocking(int fd) {
+    while (::flock(fd, LOCK_EX) != 0) {
+        if (errno != EINTR) return -1;
+    }
+    return 0;
+}
+
+// ---- directories -----------------------------------------------------------------------------
+
+// One path component: exists as a directory, is created, or stops the walk with errno.
+int ensure_dir(const char *path, mode_t mode, uid_t uid, gid_t gid) {
+    struct stat st;
+    if (::stat(path, &st) == 0) {
+        if (S_ISDIR(st.st_mode)) return 0;
+        errno = ENOTDIR;
+        return -1;
+    }
+    if (::mkdir(path, mode) != 0) {
+        // Several processes create the same account directories; losing that race is fine.
+        int err = errno;
+        if (err == EEXIST && ::stat(path, &st) == 0 && S_ISDIR(st.st_mode)) return 0;
+        errno = err;
+        return -1;
+    }
+    if (running_as_root() && ::chown(path, uid, gid) != 0) return -1;
+    return 0;
+}
+
+int create_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
+    std::string copy(path);
+    int err = 0;
+    for (size_t i = 1; i < copy.size() && err == 0; ++i) {
+        if (copy[i] != '/') continue;
+        copy[i] = '\0';
+        if (ensure_dir(copy.c_str(), mode, uid, gid) != 0) err = errno;
+        copy[i] = '/';
+    }
+    if (err == 0 && (copy.empty() || copy.back() != '/')) {
+        if (ensure_dir(copy.c_str(), mode, uid, gid) != 0) err = errno;
+    }
+    errno = err;
+    return err == 0 ? 0 : -1;
+}
+
+// ---- usage on disk ---------------------------------------------------------------------------
+
+struct DirKey {
+    dev_t dev;
+    ino_t ino;
+};
+
+// Walks one directory with a single path buffer shared by the whole recursion: names are
+// appended for the descent and cut off again. Entries are measured relative to the open
+// directory, which spares the kernel a lookup of the whole path per file.
+int walk_dir(std::string &path, long long &total, bool recurse, std::vector<DirKey> &ancestors) {
+    qx::Dir dir(::opendir(path.c_str()));
+    if (!dir) return -1;
+    if (path.empty()) return -1;
+    const size_t base = path.size();
+    if (path.back() != '/') path.push_back('/');
+    const size_t name_at = path.size();
+    const int dfd = ::dirfd(dir.get());
+
+    // Links to an ancestor would otherwise make the walk go round until the path is too long.
+    struct stat self;
+    const bool tracked = recurse && ::fstat(dfd, &self) == 0;
+    if (tracked) ancestors.push_back({self.st_dev, self.st_ino});
+
+    while (const dirent *entry = ::readdir(dir.get())) {
+        const char *name = entry->d_name;
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
+        struct stat st;
+        if (::fstatat(dfd, name, &st, 0) != 0) continue;  // dangling link, vanished file ...
+        if (S_ISREG(st.st_mode)) {
+            total += st.st_size;
+        } else if (S_ISDIR(st.st_mode) && recurse) {
+            bool cycle = false;
+            for (const DirKey &a : ancestors)
+                cycle |= a.dev == st.st_dev && a.ino == st.st_ino;
+            if (cycle) continue;
+            path.append(name);
+            walk_dir(path, total, recurse, ancestors);
+            path.resize(name_at);
+        }
+    }
+    if (tracked) ancestors.pop_back();
+    path.resize(base);
+    return 0;
+}
+
+int measure_dir(std::string path, long long &total, bool recurse) {
+    path.reserve(PATH_MAX);
+    std::vector<DirKey> ancestors;
+    return walk_dir(path, total, recurse, ancestors);
+}
+
+// Media directories of one account and kind. -1 when the level or kind has none.
+int media_dirs(int kind, int level, const char *reseller_id, const char *client_id,
+               const char *owner_id, std::vector<std::string> &out) {
+    const char *own = nullptr;
+    switch (level) {
+        case kLevelReseller:
+            own = reseller_id;
+            break;
+        case kLevelClient:
+            own = client_id;
+            break;
+        case kLevelOwner:
+            own = owner_id;
+            break;
+        default:
+            return -1;
+    }
+    if (!own || !*own) return -1;
+    const Settings &s = settings();
+    switch (kind) {
+        case kKindSound:
+            out.push_back(qx::format(kSoundDirFmt, s.varlib_dir.c_str(), own));
+            return 0;
+        case kKindMusic:
+            out.push_back(qx::format(kMusicDirFmt, s.varlib_dir.c_str(), own));
+            return 0;
+        case kKindVoicemail:
+        case kKindFax:
+        case kKindRecording:
+            break;
+        default:
+            return -1;
+    }
+    if (level != kLevelOwner) return -1;
+    // Voicemail boxes are named by the short numbers; fax and recordings by the full ones.
+    const int numbers_only = kind == kKindVoicemail ? 1 : 0;
+    size_t count = 0;
+    char **numbers =
+        qx_user_get_extensions_sess(nullptr, client_id, to_int(own), numbers_only, &count);
+    if (!numbers) return 0;
+    struct Release {
+        char **list;
+        size_t n;
+        ~Release() { free_string_array(list, n); }
+    } release{numbers, count};
+    const char *client = client_id ? client_id : "";
+    for (size_t i = 0; i < count; ++i) {
+        if (!numbers[i]) continue;
+        if (kind == kKindVoicemail) {
+            out.push_back(qx::format(kVoicemailDirFmt, s.spool_dir.c_str(), client, numbers[i]));
+        } else {
+            out.push_back(qx::format(kSpoolMediaDirFmt, s.spool_dir.c_str(),
+                                     kind == kKindFax ? "fax" : "monitor", numbers[i]));
+        }
+    }
+    return 0;
+}
+
+// ---- SQL helpers -----------------------------------------------------------------------------
+
+// Runs a statement with one text argument. On failure it logs as every module does and returns
+// false; func names the engine operation in the message.
+bool query_rows(const qx::SessionGuard &sess, const char *func, int line, qx::Result &result,
+                const char *arg, bool children) {
+    MYSQL_RES *res = nullptr;
+    int rc = children ? fr_sql_conn_query(sess.get(), 1, &res, kChildrenQuery, arg)
+                      : fr_sql_conn_query(sess.get(), 1, &res, kChildIdsQuery, arg);
+    result.reset(res);
+    if (rc != 0) {
+        FR_LOG(kSrc, kLogChannel, kLogDebug, kMysqlErrorFmt, func, line, sess.error());
+        return false;
+    }
+    if (!result) {
+        FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, line);
+        return false;
+    }
+    return true;
+}
+
+// ---- subtree refresh -------------------------------------------------------------------------
+
+int child_sum(const char *id, int kind, const char *dir, long long &sum) {
+    if (!id || !dir || !valid_kind(kind)) return -1;
+    qx::SessionGuard sess;
+    if (!sess) {
+        FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+        return -1;
+    }
+    qx::Result result;
+    if (!query_rows(sess, "grab_child_quotas", __LINE__, result, id, false)) return -1;
+    while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+        if (!row[0]) return -1;
+        std::string path = qx::format(kChildFileFmt, dir, to_int(row[0]), kKindNames[kind]);
+        qx::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (!fd) continue;
+        long long value = -1;
+        if (read_record(fd.get(), &value, nullptr) == 0 && value >= 0) sum += value;
+    }
+    return 0;
+}
+
+bool rev_in_range(const char *path, long long &value) {
+    qx::UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    if (!fd) return false;
+    int revision = -1;
+    if (read_record(fd.get(), &value, &revision) != 0) return false;
+    return revision >= 0 && revision <= kRevisionLimit;
+}
+
+int real_update(const char *path, long long value, int revision) {
+    bool created;
+    qx::UniqueFd fd = open_quota_file(path, created);
+    if (!fd) return -1;
+    // The record is written even without the lock: a refresh must not leave a stale value.
+    const bool locked = lock_blocking(fd.get()) == 0;
+    write_record(fd.get(), value, revision);
+    if (locked) ::flock(fd.get(), LOCK_UN);
+    return 0;
+}
+
+// Bytes the account itself uses of one kind, before its children are added.
+long long own_usage(int kind, int level, const char *id, const char *parent_id,
+                    const char *grandparent_id) {
+    if (kFileTables[kind]) {
+        if (level != kLevelOwner) return 0;
+        long long used = qx_get_db_files_quota(kFileTables[kind], kLevelOwner, id);
+        return used < 0 ? 0 : used;
+    }
+    std::vector<std::string> dirs;
+    switch (level) {
+        case kLevelReseller:
+            media_dirs(kind, level, id, nullptr, nullptr, dirs);
+            break;
+        case kLevelClient:
+            media_dirs(kind, level, parent_id, id, nullptr, dirs);
+            break;
+        case kLevelOwner:
+            media_dirs(kind, level, grandparent_id, parent_id, id, dirs);
+            break;
+        default:
+            break;
+    }
+    long long used = 0;
+    for (const std::string &d : dirs) {
+        long long one = 0;
+        measure_dir(d, one, true);
+        used += one;
+    }
+    return used;
+}
+
+struct ChildRow {
+    std::string id;
+    int level;
+    bool complete;
+};
+
+int walk_subtree(const char *id, const char *parent_id, const char *grandparent_id, int level,
+                 int kind, std::string &dir, long long *total_out, int force, long long *scratch) {
+    long long current = 0;
+    const size_t base = dir.size();
+    // Whatever way the walk ends, the caller gets its buffer back and the last value seen.
+    struct Finish {
+        std::string &dir;
+        size_t base;
+        long long *out;
+        const long long &value;
+        ~Finish() {
+            dir.resize(base);
+            if (out) *out = value;
+        }
+    } finish{dir, base, total_out, current};
+
+    if (dir.empty() || !id || kind < 0 || kind > kKindAll) return -1;
+    if (dir.back() != '/') dir.push_back('/');
+    const size_t child_at = dir.size();
+
+    // Children first, so that this account sums the values they have just written.
+    if (level <= kLevelWithChildren) {
+        std::vector<ChildRow> children;
+        {
+            qx::SessionGuard sess;
+            if (!sess) {
+                FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+                return -1;
+            }
+            qx::Result result;
+            if (!query_rows(sess, "quota_update_subtree", __LINE__, result, id, true)) return -1;
+            // Copied out so that the session goes back to the pool before the descent.
+            while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+                if (!row[0] || !row[1]) {
+                    children.push_back({std::string(), 0, false});
+                    break;
+                }
+                children.push_back({row[0], to_int(row[1]), true});
+            }
+        }
+        for (const ChildRow &child : children) {
+            if (!child.complete) return -1;
+            append_component(dir, 0, child.id.c_str(), false);
+            walk_subtree(child.id.c_str(), id, parent_id, child.level, kind, dir, nullptr,
+                         force - 1, scratch);
+            dir.resize(child_at);
+        }
+    }
+    dir.resize(base);
+
+    const int first = kind == kKindAll ? 0 : kind;
+    const int last = kind == kKindAll ? kKindCount - 1 : kind;
+    bool dirs_ready = false;
+    for (int k = first; k <= last; ++k) {
+        const std::string path = kind_file(dir, k);
+        if (force < 1 && !is_dirty(path.c_str()) && rev_in_range(path.c_str(), current)) continue;
+
+        long long own = own_usage(k, level, id, parent_id, grandparent_id);
+        long long children = 0;
+        if (level <= kLevelWithChildren) child_sum(id, k, dir.c_str(), children);
+        current = own + children;
+
+        uid_t uid;
+        gid_t gid;
+        if (!owner_ids(uid, gid)) return -1;
+        // One directory for all kinds of the account: create it once.
+        if (!dirs_ready) dirs_ready = create_dirs(dir.c_str(), kDirMode, uid, gid) == 0;
+        real_update(path.c_str(), current, 0);
+        unset_dirty(path.c_str());
+    }
+    return 0;
+}
+
+int slow_refresh(int account_id, int kind, long long *total, int force, long long *scratch) {
+    if (kind < 0 || kind > kKindAll) return -1;
+    UmaskGuard umask_guard;
+
+    std::string dir;
+    qx::CStr id;
+    qx::CStr parent_str;
+    qx::CStr grandparent_str;
+    int level = -1;
+    {
+        qx::SessionGuard sess;
+        if (!sess) {
+            FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+            return -1;
+        }
+        id.reset(ast_pad_id(account_id, kIdWidth));
+        if (!id) return -2;
+        int parent = 0;
+        char *text = nullptr;
+        if (get_parid_level(sess.get(), account_id, &parent, &text, &level, nullptr) != 0)
+            return -2;
+        parent_str.reset(text);
+
+        switch (level) {
+            case kLevelReseller:
+                dir = reseller_qpath(kKindAll, account_id);
+                break;
+            case kLevelClient:
+                if (parent >= 1) dir = client_qpath(kKindAll, parent, account_id);
+                break;
+            case kLevelOwner: {
+                int grandparent = 0;
+                char *gtext = nullptr;
+                int rc = get_parentid(sess.get(), parent, &grandparent, &gtext);
+                if (rc != 0) return rc;
+                grandparent_str.reset(gtext);
+                if (grandparent >= 1) dir = owner_qpath(kKindAll, grandparent, parent, account_id);
+                break;
+            }
+            default:
+                break;
+        }
+        if (level == kLevelReseller && account_id < 1) dir.clear();
+    }
+    // Only lookup failures are the caller's business; a walk that stops early still ran.
+    walk_subtree(id.get(), parent_str.get(), grandparent_str.get(), level, kind, dir, total, force,
+                 scratch);
+    return 0;
+}
+
+// ---- reading ---------------------------------------------------------------------------------
+
+int read_quota(unsigned account_id, unsigned parent_id, unsigned grandparent_id, int kind,
+               long long *values, int *revisions) {
+    if (kind < 0 || kind > kKindAll || !values || account_id == 0) return -1;
+    if (grandparent_id != 0 && (account_id == 0 || parent_id == 0)) return -1;
+    const int first = kind == kKindAll ? 0 : kind;
+    const int last = kind == kKindAll ? kKindCount - 1 : kind;
+    for (int k = first, slot = 0; k <= last; ++k, ++slot) {
+        values[slot] = -1;
+        if (revisions) revisions[slot] = -1;
+        std::string path;
+        if (grandparent_id != 0) {
+            if (static_cast<int>(grandparent_id) >= 1)
+                path = owner_qpath(k, static_cast<int>(grandparent_id), static_cast<int>(parent_id),
+                                   static_cast<int>(account_id));
+        } else if (parent_id != 0) {
+            if (static_cast<int>(parent_id) >= 1)
+                path = client_qpath(k, static_cast<int>(parent_id), static_cast<int>(account_id));
+        } else if (static_cast<int>(account_id) >= 1) {
+            path = reseller_qpath(k, static_cast<int>(account_id));
+        }
+        if (path.empty()) continue;
+        qx::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        if (fd) read_record(fd.get(), &values[slot], revisions ? &revisions[slot] : nullptr);
+    }
+    return 0;
+}
+
+int read_quota_sql(int account_id, int kind, long long *values, int *revisions) {
+    int parent = 0;
+    int grandparent = 0;
+    int level = -1;
+    {
+        qx::SessionGuard sess;
+        if (!sess) {
+            FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+            return -1;
+        }
+        int rc = get_parid_level(sess.get(), account_id, &parent, nullptr, &level, nullptr);
+        if (rc != 0) return rc;
+        if (level == kLevelOwner) {
+            rc = get_parentid(sess.get(), parent, &grandparent, nullptr);
+            if (rc != 0) return rc;
+        }
+    }
+    const auto id = static_cast<unsigned>(account_id);
+    switch (level) {
+        case kLevelReseller:
+            return read_quota(id, 0, 0, kind, values, revisions);
+        case kLevelClient:
+            return read_quota(id, static_cast<unsigned>(parent), 0, kind, values, revisions);
+        case kLevelOwner:
+            return read_quota(id, static_cast<unsigned>(parent), static_cast<unsigned>(grandparent),
+                              kind, values, revisions);
+        default:
+            return -1;
+    }
+}
+
+int parid_level(SessionHandle *sess, int account_id, int *parent, char **parent_str, int *level,
+                char **level_str) {
+    int found = qx_account_get_level_sess(sess, account_id);
+    qx::CStr text(qx_account_get_parent_str_sess(sess, account_id));
+    if (found < 0 || !text) return -2;
+    if (level) *level = found;
+    if (level_str) *level_str = qx::c_copy(qx::format(kLevelFmt, found).c_str());
+    if (found != kLevelRoot) {
+        if (parent) *parent = to_int(text.get());
+        if (parent_str) *parent_str = *text ? text.release() : nullptr;
+    }
+    return 0;
+}
+
+// ---- fast update and verification ------------------------------------------------------------
+
+struct Ancestry {
+    int reseller = 0;
+    int client = 0;
+    int owner = 0;
+    long long reseller_limit = -1;
+    long long client_limit = -1;
+    long long owner_limit = -1;
+};
+
+long long limit_of(int account_id, int kind) {
+    qx::CStr text(qx_account_get_pref(account_id, kLimitPrefs[kind]));
+    if (!text) return -1;
+    long long kib = to_ll(text.get());
+    long long bytes;
+    if (__builtin_mul_overflow(kib, 1024LL, &bytes)) return kib > 0 ? LLONG_MAX : LLONG_MIN;
+    return bytes;
+}
+
+// Climbs from the account to the top of its tree. Returns 0, 1 when a root account was met,
+// or the lookup's error. With with_limits, each level's limit for kind is read on the way.
+int climb(SessionHandle *sess, int account_id, int kind, bool with_limits, Ancestry &out) {
+    int current = account_id;
+    int current_level = kLevelOwner + 1;
+    for (int step = 0; current_level >= kLevelTop; ++step) {
+        // Guards against a parent cycle in a damaged tree.
+        if (step == kMaxClimb) return -1;
+        int parent = 0;
+        int level = -1;
+        int rc = get_parid_level(sess, current, &parent, nullptr, &level, nullptr);
+        if (rc != 0) return rc;
+        if (level == kLevelRoot && with_limits) return 1;
+        switch (level) {
+            case kLevelOwner:
+                out.owner = current;
+                if (with_limits) out.owner_limit = limit_of(current, kind);
+                break;
+            case kLevelClient:
+                out.client = current;
+                if (with_limits) out.client_limit = limit_of(current, kind);
+                break;
+            case kLevelReseller:
+                out.reseller = current;
+                if (with_limits) out.reseller_limit = limit_of(current, kind);
+                break;
+            default:
+                break;
+        }
+        current_level = level;
+        current = parent;
+    }
+    return 0;
+}
+
+int fast_update_file(const char *path, long long delta, int wait) {
+    int tries = wait / kLockStepMs;
+    if (!path) return -1;
+    const char *slash = std::strrchr(path, '/');
+    if (!slash) return -1;
+    uid_t uid;
+    gid_t gid;
+    if (!owner_ids(uid, gid)) return -1;
+    if (is_dirty(path)) return -1;
+
+    bool created = false;
+    qx::UniqueFd fd(::open(path, O_RDWR | O_CLOEXEC));
+    if (!fd) {
+        if (errno != ENOENT) return -1;
+        // The account directory is created on first need only; existing ones cost nothing.
+        create_dirs(std::string(path, static_cast<size_t>(slash - path)).c_str(), kDirMode, uid,
+                    gid);
+        fd = open_quota_file(path, created);
+        if (!fd) return -1;
+    }
+
+    while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        fine_sleep(kLockStepSeconds);
+        if (--tries < 0) {
+            set_dirty(path);
+            return -1;
+        }
+    }
+    struct Unlock {
+        int fd;
+        ~Unlock() { ::flock(fd, LOCK_UN); }
+    } unlock{fd.get()};
+
+    long long value = 0;
+    int revision = 0;
+    if (!created) {
+        value = -1;
+        revision = -1;
+        if (read_record(fd.get(), &value, &revision) != 0 || value == -1 || revision == -1) {
+            set_dirty(path);
+            return static_cast<int>(value);
+        }
+    }
+    if (delta != 0 || created) {
+        value = saturating_add(value, delta);
+        if (value < 0) value = 0;
+        revision = static_cast<int>(static_cast<unsigned>(revision) + 1u);
+        if (write_record(fd.get(), value, revision) != 0) set_dirty(path);
+    }
+    // Callers have always seen the value through an int; large values wrap, as they always did.
+    return static_cast<int>(value);
+}
+
+int fast_update(int kind, long long delta, int wait, int reseller_id, int client_id, int owner_id) {
+    if (reseller_id < 1 || !valid_kind(kind)) return -1;
+    // Deepest first: the account's own file is the one its caller checks next.
+    if (client_id != 0 && owner_id != 0)
+        fast_update_file(owner_qpath(kind, reseller_id, client_id, owner_id).c_str(), delta, wait);
+    if (client_id != 0)
+        fast_update_file(client_qpath(kind, reseller_id, client_id).c_str(), delta, wait);
+    fast_update_file(reseller_qpath(kind, reseller_id).c_str(), delta, wait);
+    return 0;
+}
+
+int update(int account_id, int kind, long long delta, int wait) {
+    if (!valid_kind(kind)) return -1;
+    if (wait < 0) wait = kDefaultWait;
+    UmaskGuard umask_guard;
+    Ancestry a;
+    {
+        qx::SessionGuard sess;
+        if (!sess) {
+            FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+            return -1;
+        }
+        int rc = climb(sess.get(), account_id, kind, false, a);
+        if (rc != 0) return rc;
+    }
+    return fast_update(kind, delta, wait, a.reseller, a.client, a.owner) == 0 ? 0 : -1;
+}
+
+int encode_full(int account_id, int level) {
+    return static_cast<int>(static_cast<long long>(account_id) + level * kLevelFactor);
+}
+
+// One level of the verification: its encoded result when full, else 0.
+int check_level(const std::string &path, long long limit, int account_id, int level) {
+    if (limit < 0 || path.empty() || is_dirty(path.c_str())) return 0;
+    // A zero delta reads the value under the same lock discipline as an update, without waiting.
+    int used = fast_update_file(path.c_str(), 0, -1);
+    return used >= 0 && used >= limit ? encode_full(account_id, level) : 0;
+}
+
+int verify_disk(int kind, int reseller_id, int client_id, int owner_id, long long reseller_limit,
+                long long client_limit, long long owner_limit) {
+    if (reseller_id < 1 || !valid_kind(kind)) return -1;
+    if (client_id != 0 && owner_id != 0) {
+        int full = check_level(owner_qpath(kind, reseller_id, client_id, owner_id), owner_limit,
+                               owner_id, kLevelOwner);
+        if (full) return full;
+    }
+    if (client_id != 0) {
+        int full = check_level(client_qpath(kind, reseller_id, client_id), client_limit, client_id,
+                               kLevelClient);
+        if (full) return full;
+    }
+    return check_level(reseller_qpath(kind, reseller_id), reseller_limit, reseller_id,
+                       kLevelReseller);
+}
+
+int verify(int account_id, int kind, Ancestry &a) {
+    if (!valid_kind(kind)) return -1;
+    {
+        qx::SessionGuard sess;
+        if (!sess) {
+            FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+            return -1;
+        }
+        int rc = climb(sess.get(), account_id, kind, true, a);
+        if (rc == 1) return 0;
+        if (rc != 0) return rc;
+    }
+    return verify_disk(kind, a.reseller, a.client, a.owner, a.reseller_limit, a.client_limit,
+                       a.owner_limit);
+}
+
+}  // namespace
+
+// ---- quota store -----------------------------------------------------------------------------
+
+extern "C" int get_conf(void) {
+    return guarded(0, [] {
+        settings();
+        return 0;
+    });
+}
+
+extern "C" int get_ids(const char *user_name, const char *group_name, uid_t *uid, gid_t *gid) {
+    return guarded(-1, [&] {
+        long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+        std::vector<char> buf(size > 0 ? static_cast<size_t>(size) : 16384);
+        if (user_name && uid) {
+            struct passwd pw;
+            struct passwd *found = nullptr;
+            int rc;
+            while ((rc = ::getpwnam_r(user_name, &pw, buf.data(), buf.size(), &found)) == ERANGE)
+                buf.resize(buf.size() * 2);
+            if (rc != 0 || !found) return -1;
+            *uid = found->pw_uid;
+        }
+        if (group_name && gid) {
+            struct group gr;
+            struct group *found = nullptr;
+            int rc;
+            while ((rc = ::getgrnam_r(group_name, &gr, buf.data(), buf.size(), &found)) == ERANGE)
+                buf.resize(buf.size() * 2);
+            if (rc != 0 || !found) return -1;
+            *gid = found->gr_gid;
+        }
+        return 0;
+    });
+}
+
+extern "C" int make_qpaths(int kind, int reseller_id, int client_id, int owner_id,
+                           char **reseller_path, char **client_path, char **owner_path) {
+    return guarded(-1, [&] {
+        if (kind < 0 || kind > kKindAll || reseller_id < 1) return -1;
+        qx::CStr owner;
+        qx::CStr client;
+        qx::CStr reseller;
+        if (owner_path && client_id != 0 && owner_id != 0) {
+            owner.reset(qx::c_copy(owner_qpath(kind, reseller_id, client_id, owner_id)));
+            if (!owner) return -1;
+        }
+        if (client_path && client_id != 0) {
+            client.reset(qx::c_copy(client_qpath(kind, reseller_id, client_id)));
+            if (!client) return -1;
+        }
+        if (reseller_path) {
+            reseller.reset(qx::c_copy(reseller_qpath(kind, reseller_id)));
+            if (!reseller) return -1;
+        }
+        if (owner) *owner_path = owner.release();
+        if (client) *client_path = client.release();
+        if (reseller) *reseller_path = reseller.release();
+        return 0;
+    });
+}
+
+extern "C" int make_dpath(int kind, int level, const char *reseller_id, const char *client_id,
+                          const char *owner_id, char ***paths, int *count) {
+    return guarded(-1, [&] {
+        if (!paths || !count) return -1;
+        std::vector<std::string> dirs;
+        if (media_dirs(kind, level, reseller_id, client_id, owner_id, dirs) != 0) return -1;
+        *paths = nullptr;
+        *count = 0;
+        if (dirs.empty()) return 0;
+        auto **array = static_cast<char **>(std::calloc(dirs.size(), sizeof(char *)));
+        if (!array) return -1;
+        for (size_t i = 0; i < dirs.size(); ++i) {
+            array[i] = qx::c_copy(dirs[i]);
+            if (!array[i]) {
+                free_string_array(array, i);
+                return -1;
+            }
+        }
+        *paths = array;
+        *count = static_cast<int>(dirs.size());
+        return 0;
+    });
+}
+
+extern "C" char *quota_str_append(char **path, int number, ...) {
+    if (!path || !*path) return nullptr;
+    const char *text = nullptr;
+    int flag = 0;
+    if (number == 0) {
+        va_list ap;
+        va_start(ap, number);
+        text = va_arg(ap, const char *);
+        flag = va_arg(ap, int);
+        va_end(ap);
+    }
+    return guarded(static_cast<char *>(nullptr), [&]() -> char * {
+        std::string grown(*path);
+        append_component(grown, number, text, flag != 0);
+        auto *p = static_cast<char *>(std::realloc(*path, grown.size() + 1));
+        if (!p) return nullptr;
+        std::memcpy(p, grown.c_str(), grown.size() + 1);
+        *path = p;
+        // A missing text still leaves the separator, but tells the caller nothing was appended.
+        return number == 0 && !text ? nullptr : p;
+    });
+}
+
+extern "C" int quota_read_internal(int fd, long long *value, int *revision) {
+    return read_record(fd, value, revision);
+}
+
+extern "C" int quota_write_internal(int fd, long long value, int revision) {
+    return write_record(fd, value, revision);
+}
+
+extern "C" int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
+    if (!path) {
+        errno = EINVAL;
+        return -1;
+    }
+    return guarded(-1, [&] { return create_dirs(path, mode, uid, gid); });
+}
+
+extern "C" int is_dirty(const char *path) {
+    if (!path) return 0;
+    return guarded(0, [&] { return ::access(dirty_mark(path).c_str(), F_OK) == 0 ? 1 : 0; });
+}
+
+extern "C" int set_dirty(const char *path) {
+    if (!path) return -1;
+    return guarded(-1, [&] {
+        qx::UniqueFd fd(
+            ::open(dirty_mark(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
+        if (!fd) return -1;
+        uid_t uid;
+        gid_t gid;
+        if (!owner_ids(uid, gid)) return -1;
+        // The mark works whoever owns it; a failed chown must not hide it.
+        if (running_as_root()) {
+            int ignored = ::fchown(fd.get(), uid, gid);
+            (void)ignored;
+        }
+        return 0;
+    });
+}
+
+extern "C" int unset_dirty(const char *path) {
+    if (!path) {
+        errno = EINVAL;
+        return -1;
+    }
+    return guarded(-1, [&] { return ::unlink(dirty_mark(path).c_str()); });
+}
+
+// ---- usage measurement -----------------------------------------------------------------------
+
+extern "C" int compute_quota_dir(char **path, long long *total, int recurse) {
+    if (!path || !*path || !total) return -1;
+    // The buffer the caller handed in comes back unchanged, as the walk restores it anyway.
+    return guarded(-1, [&] { return measure_dir(*path, *total, recurse != 0); });
+}
+
+extern "C" int compute_quota(const char *path, long long *total, int recurse) {
+    if (!path || !total) return -1;
+    return guarded(-1, [&] { return measure_dir(path, *total, recurse != 0); });
+}
+
+extern "C" long long quota_get_dirsize(const char *path) {
+    // Starts at -1 on purpose: callers have always received the byte total minus one, and -1
+    // for a directory that cannot be read.
+    long long total = -1;
+    compute_quota(path, &total, 1);
+    return total;
+}
+
+// ---- subtree refresh -------------------------------------------------------------------------
+
+extern "C" int quota_update_slow(int account_id, int kind, long long *total, int force) {
+    long long scratch = 0;
+    return quota_update_slow_internal(account_id, kind, total, force, &scratch);
+}
+
+extern "C" int quota_update_slow_internal(int account_id, int kind, long long *total, int force,
+                                          long long *scratch) {
+    return guarded(-1, [&] { return slow_refresh(account_id, kind, total, force, scratch); });
+}
+
+extern "C" int quota_update_subtree(const char *id, const char *parent_id,
+                                    const char *grandparent_id, int level, int kind, char **dir,
+                                    long long *total, int force, long long *scratch) {
+    return guarded(-1, [&] {
+        std::string buffer = dir && *dir ? *dir : "";
+        return walk_subtree(id, parent_id, grandparent_id, level, kind, buffer, total, force,
+                            scratch);
+    });
+}
+
+extern "C" int grab_child_quotas(const char *id, const char * /*parent_id*/,
+                                 const char * /*grandparent_id*/, int kind, const char *dir,
+                                 long long *sum) {
+    if (!sum) return -1;
+    return guarded(-1, [&] { return child_sum(id, kind, dir, *sum); });
+}
+
+extern "C" int is_rev_inrange(const char *path, long long *value) {
+    if (!path) return 0;
+    long long scratch = -1;
+    return rev_in_range(path, value ? *value : scratch) ? 1 : 0;
+}
+
+extern "C" int quota_real_update(const char *path, long long value, int revision) {
+    if (!path) return -1;
+    return real_update(path, value, revision);
+}
+
+// ---- reading ---------------------------------------------------------------------------------
+
+extern "C" int quota_read(unsigned account_id, unsigned parent_id, unsigned grandparent_id,
+                          int kind, long long *values, int *revisions) {
+    return guarded(-1, [&] {
+        return read_quota(account_id, parent_id, grandparent_id, kind, values, revisions);
+    });
+}
+
+extern "C" int quota_read_sql(int account_id, int kind, long long *values, int *revisions) {
+    return guarded(-1, [&] { return read_quota_sql(account_id, kind, values, revisions); });
+}
+
+extern "C" int get_parid_level(SessionHandle *sess, int account_id, int *parent, char **parent_str,
+                               int *level, char **level_str) {
+    return guarded(
+        -2, [&] { return parid_level(sess, account_id, parent, parent_str, level, level_str); });
+}
+
+extern "C" int get_parentid(SessionHandle *sess, int account_id, int *parent, char **parent_str) {
+    qx::CStr text(qx_account_get_parent_str_sess(sess, account_id));
+    if (!text) return -1;
+    if (parent) *parent = to_int(text.get());
+    if (parent_str) *parent_str = *text ? text.release() : nullptr;
+    return 0;
+}
+
+// ---- fast update and verification ------------------------------------------------------------
+
+extern "C" int quota_update(int account_id, int kind, long long delta, int wait) {
+    return guarded(-1, [&] { return update(account_id, kind, delta, wait); });
+}
+
+extern "C" int quota_update_fast(int kind, long long delta, int wait, int reseller_id,
+                                 int client_id, int owner_id) {
+    return guarded(
+        -1, [&] { return fast_update(kind, delta, wait, reseller_id, client_id, owner_id); });
+}
+
+extern "C" int quota_upd_fast_internal(const char *path, long long delta, int wait) {
+    return guarded(-1, [&] { return fast_update_file(path, delta, wait); });
+}
+
+extern "C" int quota_verify(int account_id, int kind) {
+    Ancestry a;
+    int result = guarded(-1, [&] { return verify(account_id, kind, a); });
+    if (result != 0) {
+        FR_LOG(kSrc, kLogChannel, kLogError, kVerifyFmt, kind, a.reseller, a.client, a.owner,
+               result, static_cast<int>(result % kLevelFactor),
+               static_cast<int>(result / kLevelFactor));
+    }
+    // The telephony side's logs have always carried this line; operators grep for it.
+    std::printf(kVerifyFmt, kind, a.reseller, a.client, a.owner, result,
+                static_cast<int>(result % kLevelFactor), static_cast<int>(result / kLevelFactor));
+    return result;
+}
+
+extern "C" int quota_verify_disk(int kind, int reseller_id, int client_id, int owner_id,
+                                 long long reseller_limit, long long client_limit,
+                                 long long owner_limit) {
+    return guarded(-1, [&] {
+        return verify_disk(kind, reseller_id, client_id, owner_id, reseller_limit, client_limit,
+                           owner_limit);
+    });
+}
+
+extern "C" int fine_sleep(float seconds) {
+    if (!(seconds >= 0.0f)) {
+        errno = EINVAL;
+        return -1;
+    }
+    struct timespec req;
+    constexpr float kMaxSeconds = 1e15f;  // far beyond any wait, and safe to convert
+    if (seconds > kMaxSeconds) seconds = kMaxSeconds;
+    req.tv_sec = static_cast<time_t>(seconds);
+    long nsec = static_cast<long>((seconds - static_cast<float>(req.tv_sec)) * 1e9f);
+    req.tv_nsec = nsec < 0 ? 0 : (nsec > 999999999L ? 999999999L : nsec);
+    struct timespec rem;
+    while (::nanosleep(&req, &rem) != 0) {
+        if (errno != EINTR) return -1;
+        req = rem;
+    }
+    return 0;
+}
