@@ -232,10 +232,26 @@ int fresh_ids() {
         }
         n = std::stoll(*rows[0][0]);
     }
-    long long base = 1000 + n * 10;
-    if (base + 9 >= 10000) {
-        ADD_FAILURE() << "test ids exhausted: reset the sandbox (scripts/sandbox reset)";
-        return 9990;
+    // 900 blocks between 1000 and 9999; a long-lived sandbox wraps around, and then the block's
+    // old rows, cache entries and quota files are removed so that the ids are fresh again.
+    long long block = (n - 1) % 900;
+    long long base = 1000 + block * 10;
+    if (n > 900) {
+        std::string range = std::to_string(base) + " AND " + std::to_string(base + 9);
+        std::string exts = "SELECT id FROM extension WHERE client_id BETWEEN " + range;
+        for (const char *t : {"extension_prefs", "extension_recording", "extension_voicemail",
+                              "extension_fax_center", "extension_codec_rel"})
+            sql(std::string("DELETE FROM ") + t + " WHERE extension_id IN (" + exts + ")");
+        sql("DELETE FROM extension WHERE client_id BETWEEN " + range);
+        sql("DELETE FROM client_prefs WHERE client_id BETWEEN " + range);
+        sql("DELETE FROM hs_account WHERE userID BETWEEN " + range);
+        sql("DELETE FROM client WHERE id BETWEEN " + range);
+        for (long long id = base; id < base + 10; ++id) {
+            std::string i = std::to_string(id);
+            redis({"DEL", "res:inf:mng:" + i, "res:pre:mng:" + i, "res:ind:" + i + ":ext"});
+            std::error_code ec;
+            std::filesystem::remove_all(path("/var/lib/quorvexquota/") + i, ec);
+        }
     }
     return static_cast<int>(base);
 }
