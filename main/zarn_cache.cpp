@@ -6,6 +6,7 @@
 // turned into NULL on the way out unless the caller asks to see them. Cache failures never
 // stop a lookup: a failed read is a miss and a failed write is only logged.
 #include "zarn_cache.h"
+#include "zarn_cache.hpp"
 
 #include <strings.h>
 
@@ -25,6 +26,8 @@
 #include "zarn_velkan.h"
 
 namespace {
+
+using qx::cache::Site;
 
 constexpr char kSource[] = "../main/zarn_cache";
 constexpr int kChannel = 3;
@@ -66,6 +69,14 @@ constexpr char kMsgMset[] = "%s:%d:rmset_hash(%s,X%d): success\n\n";
 // Every message of this layer repeats its source file and line at its start.
 #define CACHE_LOG(fmt, ...) FR_LOG(kSource, kChannel, kDebug, fmt, kSource, __LINE__, __VA_ARGS__)
 #define CACHE_CONDITION_FAILED() FR_LOG(kSource, kChannel, kDebug, kMsgCondition, kSource, __LINE__)
+// As CACHE_LOG, but reported from *at when a lookup of another module made the call.
+#define CACHE_LOG_AT(at, fmt, ...)                                                           \
+    do {                                                                                     \
+        const Site site_ = (at) ? *(at) : Site{kSource, __func__, __LINE__};                 \
+        if (kDebug <= fr_log_threshold)                                                      \
+            fr_log_impl(site_.src, site_.line, site_.func, kChannel, kDebug, fmt, site_.src, \
+                        site_.line, __VA_ARGS__);                                            \
+    } while (0)
 
 // The process-wide cache client: created by the first operation that needs it, never torn down.
 vk_client_t *g_cache = nullptr;
@@ -204,18 +215,19 @@ char **to_c_array(std::vector<qx::CStr> &values) {
 // The single cache operations, each with its diagnostic, on an already formatted key.
 namespace op {
 
-int rget_hash_str(int persistent, const char *field, const std::string &key, char **value) {
+int rget_hash_str(int persistent, const char *field, const std::string &key, char **value,
+                  const Site *at = nullptr) {
     *value = nullptr;
     const int rc = with_handle(persistent, [&](vk_client_t *h) {
         return vk_hget_whole(h, key.data(), key.size(), field, field ? std::strlen(field) : 0,
                              value, nullptr, kReadPrefix, kReadFlags);
     });
     if (rc != 0) {
-        CACHE_LOG(kMsgGetError, key.c_str(), text_or_null(field), vk_strerror(rc));
+        CACHE_LOG_AT(at, kMsgGetError, key.c_str(), text_or_null(field), vk_strerror(rc));
         std::free(*value);
         *value = nullptr;
     } else {
-        CACHE_LOG(kMsgGet, key.c_str(), text_or_null(field), text_or_null(*value));
+        CACHE_LOG_AT(at, kMsgGet, key.c_str(), text_or_null(field), text_or_null(*value));
     }
     return rc;
 }
@@ -232,9 +244,10 @@ int cache_exists(const std::string &key) {
 }
 
 // 0 written, -1 refused by the NOROWS guard, else the library's status.
-int rset_hash_str(int persistent, const char *field, const char *value, const std::string &key) {
+int rset_hash_str(int persistent, const char *field, const char *value, const std::string &key,
+                  const Site *at = nullptr) {
     if (check_add_norows_to_missing_persistent(key.c_str(), persistent, value) != 0) {
-        CACHE_LOG(kMsgSetRefused, key.c_str(), text_or_null(field), text_or_null(value));
+        CACHE_LOG_AT(at, kMsgSetRefused, key.c_str(), text_or_null(field), text_or_null(value));
         return -1;
     }
     const int rc = with_handle(persistent, [&](vk_client_t *h) {
@@ -242,15 +255,15 @@ int rset_hash_str(int persistent, const char *field, const char *value, const st
                        value ? std::strlen(value) : 0, persistent);
     });
     if (rc != 0)
-        CACHE_LOG(kMsgSetError, key.c_str(), text_or_null(field), text_or_null(value),
-                  vk_strerror(rc));
+        CACHE_LOG_AT(at, kMsgSetError, key.c_str(), text_or_null(field), text_or_null(value),
+                     vk_strerror(rc));
     else
-        CACHE_LOG(kMsgSet, key.c_str(), text_or_null(field), text_or_null(value));
+        CACHE_LOG_AT(at, kMsgSet, key.c_str(), text_or_null(field), text_or_null(value));
     return rc;
 }
 
 int cache_hset(int persistent, const char *field, size_t field_len, const char *value,
-               size_t value_len, const std::string &key) {
+               size_t value_len, const std::string &key, const Site *at = nullptr) {
     const int rc = with_handle(persistent, [&](vk_client_t *h) {
         return vk_hset(h, key.data(), key.size(), field, field_len, value, value_len, persistent);
     });
@@ -259,14 +272,14 @@ int cache_hset(int persistent, const char *field, size_t field_len, const char *
     const char *v = value ? value : kNullText;
     const int vlen = value ? static_cast<int>(value_len) : static_cast<int>(sizeof kNullText - 1);
     if (rc != 0)
-        CACHE_LOG(kMsgHsetError, key.c_str(), flen, f, vlen, v, vk_strerror(rc));
+        CACHE_LOG_AT(at, kMsgHsetError, key.c_str(), flen, f, vlen, v, vk_strerror(rc));
     else
-        CACHE_LOG(kMsgHset, key.c_str(), flen, f, vlen, v);
+        CACHE_LOG_AT(at, kMsgHset, key.c_str(), flen, f, vlen, v);
     return rc;
 }
 
 int cache_hmget(int persistent, size_t n, const char **fields, const std::string &key,
-                char ***values, size_t *entries) {
+                char ***values, size_t *entries, const Site *at = nullptr) {
     std::vector<size_t> lens(n);
     for (size_t i = 0; i < n; ++i)
         lens[i] = fields[i] ? std::strlen(fields[i]) : 0;
@@ -279,9 +292,9 @@ int cache_hmget(int persistent, size_t n, const char **fields, const std::string
     });
     std::free(buffer);
     if (rc != 0)
-        CACHE_LOG(kMsgHmgetError, key.c_str(), n, vk_strerror(rc));
+        CACHE_LOG_AT(at, kMsgHmgetError, key.c_str(), n, vk_strerror(rc));
     else
-        CACHE_LOG(kMsgHmget, key.c_str(), n, *entries);
+        CACHE_LOG_AT(at, kMsgHmget, key.c_str(), n, *entries);
     return rc;
 }
 
@@ -779,3 +792,50 @@ int cache_zaddval(int persistent, double score, const char *member, const char *
 }
 
 }  // extern "C"
+
+namespace qx::cache {
+
+int rget_hash_str(const Site &site, int persistent, const char *field, const std::string &key,
+                  char **value) {
+    if (!value) return VK_EINVAL;
+    try {
+        return op::rget_hash_str(persistent, field, key, value, &site);
+    } catch (...) {
+        return VK_ENOMEM;
+    }
+}
+
+int rset_hash_str(const Site &site, int persistent, const char *field, const char *value,
+                  const std::string &key) {
+    try {
+        return op::rset_hash_str(persistent, field, value, key, &site);
+    } catch (...) {
+        return VK_ENOMEM;
+    }
+}
+
+int cache_hset(const Site &site, int persistent, const char *field, size_t field_len,
+               const char *value, size_t value_len, const std::string &key) {
+    try {
+        return op::cache_hset(persistent, field, field_len, value, value_len, key, &site);
+    } catch (...) {
+        return VK_ENOMEM;
+    }
+}
+
+int cache_hmget(const Site &site, int persistent, size_t n, const char **fields,
+                const std::string &key, char ***values, size_t *entries) {
+    size_t unused = 0;
+    if (!entries) entries = &unused;
+    if (!values) return VK_EINVAL;
+    *values = nullptr;
+    *entries = 0;
+    if (!fields || n == 0) return VK_EINVAL;
+    try {
+        return op::cache_hmget(persistent, n, fields, key, values, entries, &site);
+    } catch (...) {
+        return VK_ENOMEM;
+    }
+}
+
+}  // namespace qx::cache

@@ -16,8 +16,11 @@
 #include "sql_util.hpp"
 #include "zarn_base.h"
 #include "zarn_cache.h"
+#include "zarn_cache.hpp"
 
 namespace {
+
+using qx::cache::Site;
 
 constexpr const char *kSrc = "../main/zarn_extension";
 constexpr int kChannel = 3;
@@ -187,24 +190,27 @@ Column first_column(SessionHandle *sess, qx::Result &result, const char *sql, Ar
     return col;
 }
 
-// One field of a cache hash, or NULL on a miss. The key is passed as an argument, never as a
-// format, since extension numbers come from outside.
-char *cache_read(const std::string &key, const char *field) {
+// These lookups carry their own read-through steps, so the cache operations they make are
+// reported from the lookup itself (module, function, line): the site every helper below takes.
+#define SITE() QX_CACHE_SITE(kSrc)
+
+// One field of a cache hash, or NULL on a miss.
+char *cache_read(const Site &site, const std::string &key, const char *field) {
     char *value = nullptr;
-    rget_hash_str(kVolatile, field, &value, "%s", key.c_str());
+    qx::cache::rget_hash_str(site, kVolatile, field, key, &value);
     return value;
 }
 
 // The database step's answer as the cache stores it: a failed statement and a missing row
 // both become the absent-row marker, so a negative answer is cached as well. The write goes
 // through the guard that keeps a marker from creating a hash. Markers never reach callers.
-char *store_answer(const std::string &key, const char *field, const Column &col) {
+char *store_answer(const Site &site, const std::string &key, const char *field, const Column &col) {
     std::string_view text = col.text;
     if (col.state == Fetch::kError || col.state == Fetch::kNoRow) text = CACHE_NOROWS;
     if (col.state == Fetch::kNull) text = CACHE_NULL;
     char *value = qx::c_copy(text);
     if (!value) return nullptr;
-    rset_hash_str(kVolatile, field, value, "%s", key.c_str());
+    qx::cache::rset_hash_str(site, kVolatile, field, value, key);
     filter_cache_return(&value, 0);
     return value;
 }
@@ -241,15 +247,15 @@ void drain_results(SessionHandle *sess) {
 
 // Stores a comma-separated list as a hash whose fields and values are the items, which is
 // how the list hashes are read back as one joined text.
-void store_list(const std::string &key, std::string_view list) {
+void store_list(const Site &site, const std::string &key, std::string_view list) {
     size_t start = 0;
     while (start <= list.size()) {
         size_t end = list.find(',', start);
         if (end == std::string_view::npos) end = list.size();
         const std::string_view item = list.substr(start, end - start);
         if (!item.empty()) {
-            cache_hset(kVolatile, item.data(), item.size(), item.data(), item.size(), "%s",
-                       key.c_str());
+            qx::cache::cache_hset(site, kVolatile, item.data(), item.size(), item.data(),
+                                  item.size(), key);
         }
         start = end + 1;
     }
@@ -375,7 +381,7 @@ int qx_get_extension_ids_sess_internal(SessionHandle *sess, const char *full, in
     bool all_cached = true;
     for (Wanted &id : ids) {
         if (!id.out) continue;
-        id.value.reset(cache_read(key, id.field));
+        id.value.reset(cache_read(SITE(), key, id.field));
         if (!id.value) all_cached = false;
     }
 
@@ -408,7 +414,7 @@ int qx_get_extension_ids_sess_internal(SessionHandle *sess, const char *full, in
             if (!ids[i].value) return -1;
         }
         for (size_t i = 0; i < columns; ++i) {
-            rset_hash_str(kVolatile, ids[i].field, ids[i].value.get(), "%s", key.c_str());
+            qx::cache::rset_hash_str(SITE(), kVolatile, ids[i].field, ids[i].value.get(), key);
         }
     }
 
@@ -536,17 +542,20 @@ char *qx_get_alias_from_full_number(SessionHandle *sess, const char *full) try {
     return nullptr;
 }
 
-int qx_extension_exists(const char *full) {
+int qx_extension_exists(const char *full) try {
     char *owner = nullptr;
     char *number = nullptr;
     if (qx_split_full_number(full, &owner, &number) != 0) return 0;
     qx::CStr owner_part(owner);
     qx::CStr short_part(number);
     char *value = nullptr;
-    rget_hash_str(kVolatile, short_part.get(), &value, kIndexKey, std::atoi(owner_part.get()));
+    qx::cache::rget_hash_str(SITE(), kVolatile, short_part.get(),
+                             qx::format(kIndexKey, std::atoi(owner_part.get())), &value);
     const int exists = value ? 1 : 0;
     std::free(value);
     return exists;
+} catch (...) {
+    return 0;
 }
 
 char *qx_get_user_name_from_number(SessionHandle *sess, const char *full) try {
@@ -555,7 +564,7 @@ char *qx_get_user_name_from_number(SessionHandle *sess, const char *full) try {
         return nullptr;
     }
     const std::string key = qx::format(kOwnerNameKey, full);
-    if (char *cached = cache_read(key, kOwnerNameField)) {
+    if (char *cached = cache_read(SITE(), key, kOwnerNameField)) {
         filter_cache_return(&cached, 0);
         return cached;
     }
@@ -567,7 +576,7 @@ char *qx_get_user_name_from_number(SessionHandle *sess, const char *full) try {
     qx::Result result;
     const Column col = first_column(guard.get(), result, kOwnerNameSql, sql_escape(full).c_str());
     if (col.state == Fetch::kError) QX_MYSQL_ERROR(guard);
-    return store_answer(key, kOwnerNameField, col);
+    return store_answer(SITE(), key, kOwnerNameField, col);
 } catch (...) {
     return nullptr;
 }
@@ -605,14 +614,16 @@ char *qx_extension_get_pref_by_id(int extid, const char *param) try {
     return nullptr;
 }
 
-char *qx_get_extension_virtphone(const char *number) {
+char *qx_get_extension_virtphone(const char *number) try {
     if (!number) {
         QX_COND_FAILED();
         return nullptr;
     }
     char *value = nullptr;
-    rget_hash_str(kVolatile, number, &value, "%s", kVirtPhoneKey);
+    qx::cache::rget_hash_str(SITE(), kVolatile, number, kVirtPhoneKey, &value);
     return value;
+} catch (...) {
+    return nullptr;
 }
 
 char *qx_get_extension_codecs(const char *full) try {
@@ -621,7 +632,7 @@ char *qx_get_extension_codecs(const char *full) try {
         return nullptr;
     }
     const std::string key = qx::format(kPrefsKey, full);
-    if (char *cached = cache_read(key, kCodecsField)) {
+    if (char *cached = cache_read(SITE(), key, kCodecsField)) {
         filter_cache_return(&cached, 0);
         return cached;
     }
@@ -647,7 +658,7 @@ char *qx_get_extension_codecs(const char *full) try {
             codecs.text += ',';
         }
     }
-    return store_answer(key, kCodecsField, codecs);
+    return store_answer(SITE(), key, kCodecsField, codecs);
 } catch (...) {
     return nullptr;
 }
@@ -740,7 +751,7 @@ int qx_extension_can_register(SessionHandle *sess, const char *full) try {
     }
     const std::string key = qx::format(kSipKey, full);
     int can = 0;
-    if (qx::CStr cached{cache_read(key, kCanRegisterField)}) {
+    if (qx::CStr cached{cache_read(SITE(), key, kCanRegisterField)}) {
         can = std::atoi(cached.get());
     } else {
         qx::SessionGuard guard(sess);
@@ -755,8 +766,9 @@ int qx_extension_can_register(SessionHandle *sess, const char *full) try {
         // Only a real column is cached: a subscriber that is not there yet may appear soon.
         if (col.state == Fetch::kValue) {
             can = std::atoi(col.text.c_str()) == 1 ? 1 : 0;
-            cache_hset(kVolatile, kCanRegisterField, std::strlen(kCanRegisterField),
-                       col.text.c_str(), col.text.size(), "%s", key.c_str());
+            qx::cache::cache_hset(SITE(), kVolatile, kCanRegisterField,
+                                  std::strlen(kCanRegisterField), col.text.c_str(), col.text.size(),
+                                  key);
         }
     }
     return can > 0 ? can : 0;
@@ -770,7 +782,7 @@ int qx_get_extension_type(const char *full) try {
         return -1;
     }
     const std::string key = qx::format(kInfoKey, full);
-    qx::CStr type(cache_read(key, kTypeField));
+    qx::CStr type(cache_read(SITE(), key, kTypeField));
     if (type) {
         char *raw = type.release();
         filter_cache_return(&raw, 0);
@@ -782,7 +794,7 @@ int qx_get_extension_type(const char *full) try {
             const Column col =
                 first_column(guard.get(), result, kTypeSql, sql_escape(full).c_str());
             if (col.state == Fetch::kError) QX_MYSQL_ERROR(guard);
-            type.reset(store_answer(key, kTypeField, col));
+            type.reset(store_answer(SITE(), key, kTypeField, col));
         } else {
             QX_COND_FAILED();
         }
@@ -807,7 +819,7 @@ int qx_is_multiuser_aware(const char *full) try {
         return 0;
     }
     const std::string key = qx::format(kPrefsKey, full);
-    if (qx::CStr cached{cache_read(key, kMultiUserField)}) return std::atoi(cached.get());
+    if (qx::CStr cached{cache_read(SITE(), key, kMultiUserField)}) return std::atoi(cached.get());
 
     qx::SessionGuard guard;
     if (!guard) {
@@ -825,8 +837,8 @@ int qx_is_multiuser_aware(const char *full) try {
     }
     const int aware = result && mysql_num_rows(result.get()) > 0 ? 1 : 0;
     const char *text = aware ? "1" : "0";
-    cache_hset(kVolatile, kMultiUserField, std::strlen(kMultiUserField), text, 1, "%s",
-               key.c_str());
+    qx::cache::cache_hset(SITE(), kVolatile, kMultiUserField, std::strlen(kMultiUserField), text, 1,
+                          key);
     return aware;
 } catch (...) {
     return 0;
@@ -841,7 +853,7 @@ int qx_screening_get_behaviour(const char *full, int *behaviour, char **allow, c
         return -1;
     }
     const std::string key = qx::format(kPrefsKey, full);
-    qx::CStr cached(cache_read(key, kScreeningField));
+    qx::CStr cached(cache_read(SITE(), key, kScreeningField));
     if (!cached) {
         FR_LOG(kSrc, kChannel, kDebug, kSearchingScreening, kSrc, __LINE__);
         qx::SessionGuard guard;
@@ -863,8 +875,8 @@ int qx_screening_get_behaviour(const char *full, int *behaviour, char **allow, c
         Column scrb;
         if (row) {
             // The lists go in first: a reader that finds the behaviour finds its lists too.
-            store_list(qx::format(kAllowListKey, full), row[1] ? row[1] : "");
-            store_list(qx::format(kDenyListKey, full), row[2] ? row[2] : "");
+            store_list(SITE(), qx::format(kAllowListKey, full), row[1] ? row[1] : "");
+            store_list(SITE(), qx::format(kDenyListKey, full), row[2] ? row[2] : "");
             scrb.state = row[0] ? Fetch::kValue : Fetch::kNull;
             if (row[0]) scrb.text = row[0];
         }
@@ -873,7 +885,8 @@ int qx_screening_get_behaviour(const char *full, int *behaviour, char **allow, c
         const std::string_view stored =
             scrb.state == Fetch::kValue ? std::string_view(scrb.text)
                                         : (scrb.state == Fetch::kNull ? CACHE_NULL : CACHE_NOROWS);
-        rset_hash_str(kVolatile, kScreeningField, std::string(stored).c_str(), "%s", key.c_str());
+        qx::cache::rset_hash_str(SITE(), kVolatile, kScreeningField, std::string(stored).c_str(),
+                                 key);
         cached.reset(qx::c_copy(stored));
         if (!cached) return -1;
     }
@@ -899,7 +912,8 @@ int qx_extension_expired(const char *full) try {
     const char *fields[] = {kExpiresField, kReachableField};
     char **values = nullptr;
     size_t entries = 0;
-    cache_hmget(kVolatile, 2, fields, &values, &entries, kSipSessionKey, number);
+    qx::cache::cache_hmget(SITE(), kVolatile, 2, fields, qx::format(kSipSessionKey, number),
+                           &values, &entries);
     if (values) {
         const char *expires = values[0];
         const char *reachable = values[1];

@@ -136,8 +136,10 @@ char *zarn_str_slice(const char *str, int start, int end) {
     const auto len = static_cast<long long>(std::strlen(str));
     long long from = start < 0 ? 0 : start;
     long long to = end > len ? len : end;
-    // A start past the end (of the string or of the slice) yields an empty string.
-    if (from >= to) return static_cast<char *>(std::calloc(1, 1));
+    // A start past the end (of the string or of the slice) names no bytes at all: rejected,
+    // where an empty slice (start equal to end) is an empty string.
+    if (from > to) return nullptr;
+    if (from == to) return static_cast<char *>(std::calloc(1, 1));
     auto *out = static_cast<char *>(std::calloc(static_cast<size_t>(to - from) + 1, 1));
     if (!out) return nullptr;
     std::memcpy(out, str + from, static_cast<size_t>(to - from));

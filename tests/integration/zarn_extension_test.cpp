@@ -400,4 +400,46 @@ TEST_F(Extensions, ExtensionOwnersOfASubtreeAreFoundLevelByLevel) {
     }
 }
 
+TEST_F(Extensions, OwnReadThroughStepsReportTheirCacheOperationsAsTheirOwn) {
+    // Lookups with their own copy of the read-through steps log the cache lines under this
+    // module; lookups that hand the work to the generic layer leave it to the layer.
+    const std::string f = full1();
+    struct Case {
+        std::function<void()> lookup;
+        std::string operation;  // the part of the message after "<file>:<line>:"
+        const char *source;
+    };
+    const Case cases[] = {
+        {[&] { qx_get_extension_type(f.c_str()); }, "rget_hash_str(res:inf:ext:" + f + ",typ)",
+         "../main/zarn_extension:"},
+        {[&] { qx_get_extension_type(f.c_str()); }, "rset_hash_str(res:inf:ext:" + f + ",typ,",
+         "../main/zarn_extension:"},
+        {[&] { qx_get_extension_usrid(f.c_str()); }, "rget_hash_str(res:inf:ext:" + f + ",usrid)",
+         "../main/zarn_extension:"},
+        {[&] { std::free(qx_get_user_name_from_number(nullptr, f.c_str())); },
+         "rget_hash_str(res:cid:ext:" + f + ",ownona)", "../main/zarn_extension:"},
+        {[&] { qx_is_multiuser_aware(f.c_str()); }, "cache_hset(res:po:ext:" + f + ",mu,0)",
+         "../main/zarn_extension:"},
+        {[&] { qx_extension_expired(f.c_str()); }, "cache_hmget(rtl:sipses:ext:" + f + ",2X)",
+         "../main/zarn_extension:"},
+        {[&] { std::free(qx_extension_get_pref(f.c_str(), "dnd")); },
+         "rmget_hash(res:po:ext:" + f + ",X1)", "../main/zarn_cache:"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.operation);
+        for (const char *prefix : {"res:inf:ext:", "res:cid:ext:", "res:po:ext:"})
+            qxtest::redis({"DEL", prefix + f});
+        qxtest::LogCapture log;
+        c.lookup();
+        size_t seen = 0;
+        for (const std::string &line : log.lines()) {
+            const size_t at = line.find(":" + c.operation);
+            if (at == std::string::npos) continue;
+            ++seen;
+            EXPECT_EQ(line.rfind(c.source, 0), 0u) << line;
+        }
+        EXPECT_GE(seen, 1u);
+    }
+}
+
 }  // namespace

@@ -70,8 +70,12 @@ TEST(ZarnString, InPlaceEditsAndTheirGuards) {
         EXPECT_STREQ(s, r.want);
         std::free(s);
     }
-    for (auto [start, end, want] :
-         {std::tuple{-5, 2, "ab"}, {2, 99, "cdef"}, {9, 12, ""}, {4, 2, ""}})
+    for (auto [start, end, want] : {std::tuple<int, int, const char *>{-5, 2, "ab"},
+                                    {2, 99, "cdef"},
+                                    {3, 3, ""},
+                                    {6, 12, ""},
+                                    {9, 12, nullptr},
+                                    {4, 2, nullptr}})
         EXPECT_STREQ(own(zarn_str_slice("abcdef", start, end)).get(), want);
 }
 
