@@ -513,15 +513,16 @@ int fr_sql_shard_parse_connection_info(const char *path, const char *shard, int 
                 keyword_len = kSlaveKeyword.size();
                 if (at == std::string_view::npos) return;
             }
-            std::optional<qx::sql::HostSpec> spec =
+            std::optional<qx::sql::HostSpec> host_spec =
                 qx::sql::parse_host_value(qx::sql::trim(text.substr(at + keyword_len)));
-            if (!spec) {
+            if (!host_spec) {
                 FR_LOG(kSrc, kChannel, kPrioError, kMsgInvalidHost, line_no, path);
                 return;
             }
-            if (shard && spec->shard != shard) return;
-            auto server = std::make_shared<Server>(spec->host, spec->port, spec->unix_socket);
-            ParsedServers &servers = parsed[spec->shard];
+            if (shard && host_spec->shard != shard) return;
+            auto server =
+                std::make_shared<Server>(host_spec->host, host_spec->port, host_spec->unix_socket);
+            ParsedServers &servers = parsed[host_spec->shard];
             if (!is_master) {
                 servers.slaves.push_back(std::move(server));
             } else if (!servers.master) {

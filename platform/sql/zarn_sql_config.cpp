@@ -45,8 +45,8 @@ std::optional<HostSpec> parse_host_value(std::string_view value) {
     const size_t first = value.find(':');
     if (first == std::string_view::npos || first == 0) return std::nullopt;
 
-    HostSpec spec;
-    spec.shard = std::string(value.substr(0, first));
+    HostSpec host_spec;
+    host_spec.shard = std::string(value.substr(0, first));
     std::string_view rest = value.substr(first + 1);
     const size_t last = rest.rfind(':');
 
@@ -57,16 +57,16 @@ std::optional<HostSpec> parse_host_value(std::string_view value) {
         host = rest;
     } else {
         host = rest.substr(0, last);
-        spec.port = std::atoi(std::string(rest.substr(last + 1)).c_str());
+        host_spec.port = std::atoi(std::string(rest.substr(last + 1)).c_str());
     }
     if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
         host = host.substr(1, host.size() - 2);
     }
     if (host.empty()) return std::nullopt;
-    spec.host = std::string(host);
-    spec.unix_socket = host.front() == '/';
-    if (spec.unix_socket) spec.port = 0;
-    return spec;
+    host_spec.host = std::string(host);
+    host_spec.unix_socket = host.front() == '/';
+    if (host_spec.unix_socket) host_spec.port = 0;
+    return host_spec;
 }
 
 void for_each_config_line(std::FILE *fp,

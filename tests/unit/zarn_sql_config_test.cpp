@@ -66,13 +66,13 @@ TEST(SqlHostValue, HostIsEverythingBetweenShardAndPort) {
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.value);
-        auto spec = qx::sql::parse_host_value(row.value);
-        ASSERT_EQ(row.valid, spec.has_value());
-        if (!spec) continue;
-        EXPECT_EQ(row.expected.shard, spec->shard);
-        EXPECT_EQ(row.expected.host, spec->host);
-        EXPECT_EQ(row.expected.port, spec->port);
-        EXPECT_EQ(row.expected.unix_socket, spec->unix_socket);
+        auto host_spec = qx::sql::parse_host_value(row.value);
+        ASSERT_EQ(row.valid, host_spec.has_value());
+        if (!host_spec) continue;
+        EXPECT_EQ(row.expected.shard, host_spec->shard);
+        EXPECT_EQ(row.expected.host, host_spec->host);
+        EXPECT_EQ(row.expected.port, host_spec->port);
+        EXPECT_EQ(row.expected.unix_socket, host_spec->unix_socket);
     }
 }
 
