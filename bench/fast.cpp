@@ -494,18 +494,8 @@ int main(int argc, char **argv) {
     }
     qxtest::ensure_sandbox();
 
-    // One reseller, one client, eight users: ids base .. base+9. The refresh benchmark's
-    // generated platform may already own the test id range; then take ids above all of it.
-    int base = qxtest::fresh_ids();
-    const std::string range = std::to_string(base) + " AND " + std::to_string(base + 9);
-    if (qxtest::sql_int("SELECT COUNT(*) FROM client WHERE id BETWEEN " + range) +
-            qxtest::sql_int("SELECT COUNT(*) FROM hs_account WHERE userID BETWEEN " + range) >
-        0) {
-        const long long top =
-            std::max(qxtest::sql_int("SELECT COALESCE(MAX(id), 0) FROM client"),
-                     qxtest::sql_int("SELECT COALESCE(MAX(userID), 0) FROM hs_account"));
-        base = static_cast<int>((top / 10 + 1) * 10);
-    }
+    // One reseller, one client, eight users: ids base .. base+9.
+    const int base = qxtest::fresh_ids();
     const int reseller = base, client = base + 1;
     for (int id = base; id < base + 2 + kAgents; ++id)
         qxtest::redis({"DEL", "res:inf:mng:" + std::to_string(id)});

@@ -386,6 +386,13 @@ int ensure_dir(const char *path, mode_t mode, uid_t uid, gid_t gid) {
 }
 
 int create_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
+    // Account directories exist on every refresh but the first: when the whole path resolves to
+    // a directory every component does, so one stat answers for all of them.
+    struct stat st;
+    if (*path && ::stat(path, &st) == 0 && S_ISDIR(st.st_mode)) {
+        errno = 0;
+        return 0;
+    }
     std::string copy(path);
     int err = 0;
     for (size_t i = 1; i < copy.size() && err == 0; ++i) {

@@ -37,7 +37,8 @@ long long server_status(const std::string &name);
 // errors as "ERR ...".
 std::string redis(const std::vector<std::string> &argv);
 
-// A block of 10 account ids no other test (of this run, in any binary) uses; all below 10000.
+// A block of 10 account ids no other test (of this run, in any binary) uses; all below 10000,
+// unless a generated benchmark platform fills that range (then above its accounts).
 int fresh_ids();
 
 // Fixture rows. Level 10 reseller, 50 client, 100 user; parent 0 is stored as NULL. Login
