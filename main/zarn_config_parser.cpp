@@ -318,10 +318,7 @@ int qx_conf_parse_db_host(const char *path, const char *id, int is_master, char 
 }
 
 int qx_conf_parse_multi_directives(qx_conf_directive *table, const char *path) {
-    if (!path) {
-        errno = EINVAL;
-        return -1;
-    }
+    // A NULL path is an empty file list: the table is still cleared, as on every read.
     const char *const files[] = {path, nullptr};
     return qx_conf_parse_multi_directives_multi_files(table, files);
 }
