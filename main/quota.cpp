@@ -340,6 +340,23 @@ int write_record(int fd, long long value, int revision) {
     return 0;
 }
 
+int write_record_emptying_first(int fd, long long value, int revision) {
+    if (::lseek(fd, 0, SEEK_SET) < 0 || ::ftruncate(fd, 0) != 0) return -1;
+    char buf[kRecordMax + 1];
+    int len = std::snprintf(buf, sizeof buf, kRecordFmt, value, revision);
+    if (len < 1 || static_cast<size_t>(len) > kRecordMax) return -1;
+    for (size_t done = 0; done < static_cast<size_t>(len);) {
+        ssize_t n = ::write(fd, buf + done, static_cast<size_t>(len) - done);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return -1;
+        }
+        if (n == 0) return -1;
+        done += static_cast<size_t>(n);
+    }
+    return 0;
+}
+
 // Opens an existing quota file read-write or creates it (0660, given to asterisk). created
 // tells the caller that the file holds no record yet.
 qx::UniqueFd open_quota_file(const char *path, bool &created) {
@@ -1110,6 +1127,11 @@ extern "C" int quota_read_internal(int fd, long long *value, int *revision) {
 }
 
 extern "C" int quota_write_internal(int fd, long long value, int revision) {
+    // pwrite ignores its offset on a descriptor opened for appending, so a caller's O_APPEND
+    // descriptor gets the plain order: empty the file, then write. The engine's own descriptors
+    // never append and take the cheaper path directly.
+    const int flags = ::fcntl(fd, F_GETFL);
+    if (flags >= 0 && (flags & O_APPEND)) return write_record_emptying_first(fd, value, revision);
     return write_record(fd, value, revision);
 }
 

@@ -143,6 +143,44 @@ TEST(QuotaRecord, WriteReplacesTheWholeFile) {
 
 // ---- paths ----------------------------------------------------------------------------------
 
+// A caller may hand in a descriptor opened for appending; the file must still end up holding
+// exactly the new record.
+struct WriteRow {
+    const char *label;
+    int flags;
+    const char *before;
+    long long value;
+    int revision;
+    const char *after;
+};
+
+TEST(QuotaRecord, WriteReplacesTheWholeContentWhateverTheOpenFlags) {
+    char tmpl[] = "/tmp/quota_record_XXXXXX";
+    ASSERT_NE(::mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl;
+    const WriteRow rows[] = {
+        {"read-write", O_RDWR, "1234.7", 5, 0, "5.0"},
+        {"read-write, appending", O_RDWR | O_APPEND, "1234.7", 5, 0, "5.0"},
+        {"write-only, appending", O_WRONLY | O_APPEND, "98765.12", 42, 3, "42.3"},
+        {"appending over a shorter record", O_RDWR | O_APPEND, "1.0", 123456, 9, "123456.9"},
+    };
+    for (const WriteRow &row : rows) {
+        SCOPED_TRACE(row.label);
+        const std::string path = dir + "/fax.quota";
+        {
+            std::ofstream out(path, std::ios::binary | std::ios::trunc);
+            out << row.before;
+        }
+        const int fd = ::open(path.c_str(), row.flags);
+        ASSERT_GE(fd, 0);
+        EXPECT_EQ(quota_write_internal(fd, row.value, row.revision), 0);
+        ::close(fd);
+        EXPECT_EQ(qxtest::read_file(path).value_or("<missing>"), row.after);
+    }
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+}
+
 TEST(QuotaPaths, FollowTheAccountTree) {
     char *probe = nullptr;
     ASSERT_EQ(make_qpaths(5, 12, 0, 0, &probe, nullptr, nullptr), 0);
