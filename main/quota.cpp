@@ -287,7 +287,12 @@ void append_component(std::string &path, int number, const char *text, bool keep
 
 // ---- records ---------------------------------------------------------------------------------
 
-int read_record(int fd, long long *value, int *revision) {
+// The engine reads quota files it opened itself, which are regular files: there a short read is
+// the end of the file, and one read is also one consistent view for the readers that hold no
+// lock. A caller's descriptor may be anything, so the public reader reads on until end of file.
+enum class ReadUntil { kEof, kShortRead };
+
+int read_record(int fd, long long *value, int *revision, ReadUntil until = ReadUntil::kShortRead) {
     if (!value) return -1;
     char buf[kRecordMax + 1];
     size_t got = 0;
@@ -299,6 +304,7 @@ int read_record(int fd, long long *value, int *revision) {
         }
         if (n == 0) break;
         got += static_cast<size_t>(n);
+        if (until == ReadUntil::kShortRead) break;
     }
     buf[got] = '\0';
     char *dot = std::strchr(buf, '.');
@@ -435,7 +441,9 @@ struct DirKey {
 // Walks one directory with a single path buffer shared by the whole recursion: names are
 // appended for the descent and cut off again. Entries are measured relative to the open
 // directory, which spares the kernel a lookup of the whole path per file.
-int walk_dir(std::string &path, long long &total, bool recurse, std::vector<DirKey> &ancestors) {
+// self: the directory's own stat when the caller already made it (every level below the top).
+int walk_dir(std::string &path, long long &total, bool recurse, std::vector<DirKey> &ancestors,
+             const struct stat *self = nullptr) {
     qx::Dir dir(::opendir(path.c_str()));
     if (!dir) return -1;
     if (path.empty()) return -1;
@@ -445,9 +453,10 @@ int walk_dir(std::string &path, long long &total, bool recurse, std::vector<DirK
     const int dfd = ::dirfd(dir.get());
 
     // Links to an ancestor would otherwise make the walk go round until the path is too long.
-    struct stat self;
-    const bool tracked = recurse && ::fstat(dfd, &self) == 0;
-    if (tracked) ancestors.push_back({self.st_dev, self.st_ino});
+    struct stat top;
+    if (recurse && !self && ::fstat(dfd, &top) == 0) self = &top;
+    const bool tracked = recurse && self;
+    if (tracked) ancestors.push_back({self->st_dev, self->st_ino});
 
     while (const dirent *entry = ::readdir(dir.get())) {
         const char *name = entry->d_name;
@@ -462,7 +471,7 @@ int walk_dir(std::string &path, long long &total, bool recurse, std::vector<DirK
                 cycle |= a.dev == st.st_dev && a.ino == st.st_ino;
             if (cycle) continue;
             path.append(name);
-            walk_dir(path, total, recurse, ancestors);
+            walk_dir(path, total, recurse, ancestors, &st);
             path.resize(name_at);
         }
     }
@@ -1123,7 +1132,7 @@ extern "C" char *quota_str_append(char **path, int number, ...) {
 }
 
 extern "C" int quota_read_internal(int fd, long long *value, int *revision) {
-    return read_record(fd, value, revision);
+    return read_record(fd, value, revision, ReadUntil::kEof);
 }
 
 extern "C" int quota_write_internal(int fd, long long value, int revision) {
