@@ -318,7 +318,8 @@ int read_record(int fd, long long *value, int *revision, ReadUntil until = ReadU
 // Writes the record over the old one and then cuts the file to its length. Truncating to zero
 // first would make ext4 start writeback at close (costly on every fast update) and would let an
 // unlocked reader see an empty file; this way a reader always finds the new value before the
-// first '.'. Writers hold the file's lock, so the end state is the same.
+// first '.'. Writers hold the file's lock, so the end state is the same. Returns the record's
+// length, or -1.
 int write_record(int fd, long long value, int revision) {
     char buf[kRecordMax + 1];
     int len = std::snprintf(buf, sizeof buf, kRecordFmt, value, revision);
@@ -341,9 +342,7 @@ int write_record(int fd, long long value, int revision) {
         done += static_cast<size_t>(n);
     }
     if (::ftruncate(fd, static_cast<off_t>(total)) != 0) return -1;
-    // Leave the offset after the record, where a sequential write would have left it.
-    ::lseek(fd, static_cast<off_t>(total), SEEK_SET);
-    return 0;
+    return static_cast<int>(total);
 }
 
 int write_record_emptying_first(int fd, long long value, int revision) {
@@ -942,7 +941,7 @@ int fast_update_file(const char *path, long long delta, int wait) {
         value = saturating_add(value, delta);
         if (value < 0) value = 0;
         revision = static_cast<int>(static_cast<unsigned>(revision) + 1u);
-        if (write_record(fd.get(), value, revision) != 0) set_dirty(path);
+        if (write_record(fd.get(), value, revision) < 0) set_dirty(path);
     }
     // Callers have always seen the value through an int; large values wrap, as they always did.
     return static_cast<int>(value);
@@ -1141,7 +1140,12 @@ extern "C" int quota_write_internal(int fd, long long value, int revision) {
     // never append and take the cheaper path directly.
     const int flags = ::fcntl(fd, F_GETFL);
     if (flags >= 0 && (flags & O_APPEND)) return write_record_emptying_first(fd, value, revision);
-    return write_record(fd, value, revision);
+    const int len = write_record(fd, value, revision);
+    if (len < 0) return -1;
+    // Leave the offset after the record, where a sequential write would have left it; the
+    // engine closes its own descriptors right after writing and skips this.
+    ::lseek(fd, len, SEEK_SET);
+    return 0;
 }
 
 extern "C" int make_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
