@@ -383,7 +383,8 @@ std::optional<int> run_on_slave(fr_sql_conn &conn, const std::string &sql, int s
 int run_query(fr_sql_conn &conn, const std::string &sql, int store, MYSQL_RES **result) {
     const bool select = is_select(sql);
     if (!select) conn.wrote = true;
-    if (select && !conn.wrote && may_use_slave(sql)) {
+    // The marker scan reads the whole statement: only pay for it when a slave could take it.
+    if (select && !conn.wrote && !conn.topology->slaves.empty() && may_use_slave(sql)) {
         if (std::optional<int> status = run_on_slave(conn, sql, store, result)) return *status;
     }
     conn.last_on_slave = false;
