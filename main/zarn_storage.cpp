@@ -634,14 +634,14 @@ int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
     }
     if (!disdb) return 0;
     // A fresh client, so that a re-initialisation after a configuration change talks to the
-    // servers now configured.
+    // servers now configured. It is set up aside and then published: other threads may be
+    // inside a call on the old client (the cache lock hooks do not exclude them), so the old
+    // one is never freed, and nobody sees a missing or half-configured handle.
+    vk_client_t *fresh = nullptr;
+    const int rc = ast_vk_init(&fresh);
     vk_client_t **handle = ast_cache_handle();
     ast_cache_wrlock();
-    if (*handle) {
-        vk_client_destroy(*handle);
-        *handle = nullptr;
-    }
-    const int rc = ast_vk_init(handle);
+    if (fresh) *handle = fresh;
     ast_cache_unlock();
     if (rc != 0) {
         ST_LOG(kError, kMsgDisdbInit);
