@@ -21,6 +21,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <vector>
 #include <new>
 #include <optional>
 #include <shared_mutex>
@@ -593,6 +594,19 @@ bool read_config(Config *c) {
     return true;
 }
 
+// Clients replaced by a re-initialisation stay alive (and reachable) for the rest of the process:
+// a thread may still be inside a call on one.
+void retire_cache_client(vk_client_t *client) {
+    static std::mutex mutex;
+    // Constructed in static storage and never destroyed, so that the list outlives the static
+    // destructors that run at exit while other threads may still be working.
+    using List = std::vector<vk_client_t *>;
+    alignas(List) static unsigned char storage[sizeof(List)];
+    static List *const retired = ::new (storage) List();
+    std::lock_guard lock(mutex);
+    retired->push_back(client);
+}
+
 }  // namespace
 
 extern "C" {
@@ -641,7 +655,10 @@ int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
     const int rc = ast_vk_init(&fresh);
     vk_client_t **handle = ast_cache_handle();
     ast_cache_wrlock();
-    if (fresh) *handle = fresh;
+    if (fresh) {
+        if (*handle) retire_cache_client(*handle);
+        *handle = fresh;
+    }
     ast_cache_unlock();
     if (rc != 0) {
         ST_LOG(kError, kMsgDisdbInit);
