@@ -11,6 +11,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <strings.h>
 #include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -52,6 +53,15 @@ constexpr int kLogDebug = 7;
 
 constexpr char kMysqlErrorFmt[] = "../main/quota:%s:%d -MySQL error: %s\n";
 constexpr char kConditionFailedFmt[] = "%s:%d:condition failed\n";
+// Faults of the refresh and of the writers. They go out at error priority: a quota value the
+// engine could not keep exact is what the telephony side must never trust unknowingly.
+constexpr char kNotRefreshedFmt[] =
+    "%s:%d:quota of account %s, kind %s not refreshed: %s; old value kept, marked dirty\n";
+constexpr char kSubtreeFailedFmt[] =
+    "%s:%d:quota of account %s not refreshed: %s; its files keep their old values, marked dirty\n";
+constexpr char kFileErrorFmt[] = "%s:%d:cannot %s %s: %s\n";
+constexpr char kSettingsErrorFmt[] = "%s:%d:quota settings from %s cannot be used: %s\n";
+constexpr char kStrictValueFmt[] = "%s:%d:%s: %s must be yes or no, not \"%s\"\n";
 constexpr char kVerifyFmt[] =
     " + quota_verify(target:%d, resid:%d, clid:%d, extid:%d) returned:%d (if >0 it means: "
     "client.id:%d, client.level:%d)\n";
@@ -76,6 +86,7 @@ constexpr char kSpoolMediaDirFmt[] = "%s/%s/%s";
 constexpr char kLevelFmt[] = "%d";
 
 constexpr char kQuotaDirDirective[] = "QUORVEX_QUOTA_D";
+constexpr char kStrictDirective[] = "QUOTA_STRICT_REFRESH";
 constexpr char kAstDirsSection[] = "directories";
 constexpr char kAstSpoolKey[] = "astspooldir";
 constexpr char kAstVarlibKey[] = "astvarlibdir";
@@ -174,16 +185,49 @@ struct Settings {
     std::string quota_root;
     std::string spool_dir;
     std::string varlib_dir;
+    // False when paths.conf names a quota root that cannot be used: the engine then refuses to
+    // touch any quota file rather than guess where they live.
+    bool usable = true;
+    // With it, a refresh that could not measure or write something reports a failure, so that
+    // a nightly job fails loudly instead of leaving only log lines and dirty marks.
+    bool strict = false;
 };
 
 Settings g_settings;
 std::once_flag g_settings_once;
 
+bool strict_setting() {
+    char *text = nullptr;
+    const fr_conf_entry table[] = {{kStrictDirective, FR_CONF_STRING, &text}};
+    parseconfig(QX_LOCAL_CONF, table, 1);
+    qx::CStr owner(text);
+    if (!text) return false;
+    for (const char *yes : {"yes", "true", "on", "1"})
+        if (strcasecmp(text, yes) == 0) return true;
+    for (const char *no : {"no", "false", "off", "0"})
+        if (strcasecmp(text, no) == 0) return false;
+    FR_LOG(kSrc, kLogChannel, kLogError, kStrictValueFmt, kSrc, __LINE__, QX_LOCAL_CONF,
+           kStrictDirective, text);
+    return false;
+}
+
 void load_settings() {
     char *quota_dir = nullptr;
     const fr_conf_entry table[] = {{kQuotaDirDirective, FR_CONF_STRING, &quota_dir}};
-    parseconfig(QX_PATHS_CONF, table, 1);
+    // A rejected QUORVEX_QUOTA_D line (too long, malformed) must not fall back to the default
+    // root: the files would then be written where nobody reads them.
+    const int rejected = parseconfig(QX_PATHS_CONF, table, 1);
     qx::CStr quota_dir_owner(quota_dir);
+    g_settings.strict = strict_setting();
+    if (rejected > 0) {
+        FR_LOG(kSrc, kLogChannel, kLogError, kSettingsErrorFmt, kSrc, __LINE__, QX_PATHS_CONF,
+               "a QUORVEX_QUOTA_D line was rejected");
+        g_settings.usable = false;
+    } else if (quota_dir && std::strlen(quota_dir) >= PATH_MAX) {
+        FR_LOG(kSrc, kLogChannel, kLogError, kSettingsErrorFmt, kSrc, __LINE__, QX_PATHS_CONF,
+               "QUORVEX_QUOTA_D is longer than a path may be");
+        g_settings.usable = false;
+    }
 
     const char *keys[] = {kAstSpoolKey, kAstVarlibKey, nullptr};
     safestr_t *values[2] = {nullptr, nullptr};
@@ -249,14 +293,19 @@ std::string kind_path(std::string path, int kind) {
     return path;
 }
 
+// Every quota path goes through these; with unusable settings they are empty, which every
+// caller already treats as "no path".
 std::string reseller_qpath(int kind, int reseller) {
+    if (!settings().usable) return {};
     return kind_path(qx::format(kResellerPathFmt, settings().quota_root.c_str(), reseller), kind);
 }
 std::string client_qpath(int kind, int reseller, int client) {
+    if (!settings().usable) return {};
     return kind_path(qx::format(kClientPathFmt, settings().quota_root.c_str(), reseller, client),
                      kind);
 }
 std::string owner_qpath(int kind, int reseller, int client, int owner) {
+    if (!settings().usable) return {};
     return kind_path(
         qx::format(kOwnerPathFmt, settings().quota_root.c_str(), reseller, client, owner), kind);
 }
@@ -310,8 +359,17 @@ int read_record(int fd, long long *value, int *revision, ReadUntil until = ReadU
     char *dot = std::strchr(buf, '.');
     if (!dot) return -1;
     *dot = '\0';
-    *value = to_ll(buf);
-    if (revision) *revision = to_int(dot + 1);
+    // atoll would clamp a value beyond 64 bits to a plausible-looking maximum (and atoi wrap a
+    // revision into range): such a record is damaged, not large.
+    errno = 0;
+    const long long parsed = std::strtoll(buf, nullptr, 10);
+    if (errno == ERANGE) return -1;
+    if (revision) {
+        const long rev = std::strtol(dot + 1, nullptr, 10);
+        if (errno == ERANGE || rev < INT_MIN || rev > INT_MAX) return -1;
+        *revision = static_cast<int>(rev);
+    }
+    *value = parsed;
     return 0;
 }
 
@@ -338,7 +396,10 @@ int write_record(int fd, long long value, int revision) {
             if (errno == EINTR) continue;
             return -1;
         }
-        if (n == 0) return -1;  // no progress on a regular file: give up rather than spin
+        if (n == 0) {  // no progress on a regular file: give up rather than spin
+            errno = ENOSPC;
+            return -1;
+        }
         done += static_cast<size_t>(n);
     }
     if (::ftruncate(fd, static_cast<off_t>(total)) != 0) return -1;
@@ -356,17 +417,44 @@ int write_record_emptying_first(int fd, long long value, int revision) {
             if (errno == EINTR) continue;
             return -1;
         }
-        if (n == 0) return -1;
+        if (n == 0) {
+            errno = ENOSPC;
+            return -1;
+        }
         done += static_cast<size_t>(n);
     }
     return 0;
+}
+
+// Opens a quota file or dirty mark without blocking, and only when it is a regular file: a FIFO
+// or a device where a record belongs must not hang a refresh or a caller about to store a
+// voicemail. Anything else fails with EINVAL, which open itself never gives for these flags.
+qx::UniqueFd open_regular(const char *path, int flags, mode_t mode = 0) {
+    qx::UniqueFd fd(::open(path, flags | O_NONBLOCK | O_CLOEXEC, mode));
+    if (!fd) return fd;
+    struct stat st;
+    if (::fstat(fd.get(), &st) != 0) return qx::UniqueFd();
+    if (!S_ISREG(st.st_mode)) {
+        fd.reset();
+        errno = EINVAL;
+    }
+    return fd;
+}
+
+const char *error_text(int err) {
+    return err == EINVAL ? "not a regular file" : std::strerror(err);
+}
+
+void log_file_error(int line, const char *action, const std::string &path, int err) {
+    FR_LOG(kSrc, kLogChannel, kLogError, kFileErrorFmt, kSrc, line, action, path.c_str(),
+           error_text(err));
 }
 
 // Opens an existing quota file read-write or creates it (0660, given to asterisk). created
 // tells the caller that the file holds no record yet.
 qx::UniqueFd open_quota_file(const char *path, bool &created) {
     created = false;
-    qx::UniqueFd fd(::open(path, O_RDWR | O_CLOEXEC));
+    qx::UniqueFd fd = open_regular(path, O_RDWR);
     if (fd || errno != ENOENT) return fd;
     fd.reset(::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
     if (fd) {
@@ -375,7 +463,7 @@ qx::UniqueFd open_quota_file(const char *path, bool &created) {
         return fd;
     }
     // Another process created it in between: it is an existing file now.
-    if (errno == EEXIST) fd.reset(::open(path, O_RDWR | O_CLOEXEC));
+    if (errno == EEXIST) fd = open_regular(path, O_RDWR);
     return fd;
 }
 
@@ -437,14 +525,34 @@ struct DirKey {
     ino_t ino;
 };
 
+// The first thing a measurement could not see. A directory that does not exist holds no media;
+// one that exists but cannot be read makes the sum a guess.
+struct Unmeasured {
+    int err = 0;
+    std::string path;
+    void note(const std::string &where, int e) {
+        if (err != 0) return;
+        err = e;
+        path = where;
+    }
+    explicit operator bool() const { return err != 0; }
+};
+
+bool absent(int err) {
+    return err == ENOENT || err == ENOTDIR;
+}
+
 // Walks one directory with a single path buffer shared by the whole recursion: names are
 // appended for the descent and cut off again. Entries are measured relative to the open
 // directory, which spares the kernel a lookup of the whole path per file.
 // self: the directory's own stat when the caller already made it (every level below the top).
 int walk_dir(std::string &path, long long &total, bool recurse, std::vector<DirKey> &ancestors,
-             const struct stat *self = nullptr) {
+             Unmeasured &missed, const struct stat *self = nullptr) {
     qx::Dir dir(::opendir(path.c_str()));
-    if (!dir) return -1;
+    if (!dir) {
+        if (!absent(errno)) missed.note(path, errno);
+        return -1;
+    }
     if (path.empty()) return -1;
     const size_t base = path.size();
     if (path.back() != '/') path.push_back('/');
@@ -457,20 +565,31 @@ int walk_dir(std::string &path, long long &total, bool recurse, std::vector<DirK
     const bool tracked = recurse && self;
     if (tracked) ancestors.push_back({self->st_dev, self->st_ino});
 
-    while (const dirent *entry = ::readdir(dir.get())) {
+    for (;;) {
+        errno = 0;
+        const dirent *entry = ::readdir(dir.get());
+        if (!entry) {
+            if (errno != 0) missed.note(path, errno);
+            break;
+        }
         const char *name = entry->d_name;
         if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'))) continue;
         struct stat st;
-        if (::fstatat(dfd, name, &st, 0) != 0) continue;  // dangling link, vanished file ...
+        if (::fstatat(dfd, name, &st, 0) != 0) {
+            // A dangling or looping link, or a file deleted meanwhile, holds nothing; a file
+            // that cannot be examined might.
+            if (!absent(errno) && errno != ELOOP) missed.note(path + name, errno);
+            continue;
+        }
         if (S_ISREG(st.st_mode)) {
-            total += st.st_size;
+            total = saturating_add(total, st.st_size);
         } else if (S_ISDIR(st.st_mode) && recurse) {
             bool cycle = false;
             for (const DirKey &a : ancestors)
                 cycle |= a.dev == st.st_dev && a.ino == st.st_ino;
             if (cycle) continue;
             path.append(name);
-            walk_dir(path, total, recurse, ancestors, &st);
+            walk_dir(path, total, recurse, ancestors, missed, &st);
             path.resize(name_at);
         }
     }
@@ -479,10 +598,15 @@ int walk_dir(std::string &path, long long &total, bool recurse, std::vector<DirK
     return 0;
 }
 
-int measure_dir(std::string path, long long &total, bool recurse) {
+int measure_dir(std::string path, long long &total, bool recurse, Unmeasured &missed) {
     path.reserve(PATH_MAX);
     std::vector<DirKey> ancestors;
-    return walk_dir(path, total, recurse, ancestors);
+    return walk_dir(path, total, recurse, ancestors, missed);
+}
+
+int measure_dir(std::string path, long long &total, bool recurse) {
+    Unmeasured ignored;
+    return measure_dir(std::move(path), total, recurse, ignored);
 }
 
 // Media directories of one account and kind. -1 when the level or kind has none.
@@ -566,52 +690,133 @@ bool query_rows(const qx::SessionGuard &sess, const char *func, int line, qx::Re
 
 // ---- subtree refresh -------------------------------------------------------------------------
 
-int child_sum(const char *id, int kind, const char *dir, long long &sum) {
+// What one refresh could not keep exact. Each fault is logged where it happens; the count only
+// tells the entry point whether to report the refresh as failed (strict setting).
+struct RefreshFaults {
+    int count = 0;
+};
+
+bool mark_dirty(const std::string &path) {
+    if (set_dirty(path.c_str()) == 0) return true;
+    log_file_error(__LINE__, "create the dirty mark of", path, errno);
+    return false;
+}
+
+// A failed write may have left part of the new record over the old one, or an empty file:
+// either would read as a value. The dirty mark says so; a file just created holds nothing worth
+// keeping, and where no mark can be made the record is made unreadable instead.
+void spoil_failed_write(int fd, const std::string &path, bool created) {
+    const bool marked = mark_dirty(path);
+    if (created) {
+        ::unlink(path.c_str());
+    } else if (!marked && ::ftruncate(fd, 0) != 0) {
+        log_file_error(__LINE__, "empty the damaged quota file", path, errno);
+    }
+}
+
+// Adds the children's values of one kind. exact stays true only when every child's file was
+// read: a missing, unreadable or dirty child file means the child's own refresh failed, and a
+// sum over it would only look right.
+int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &exact,
+              std::string &cause) {
+    exact = false;
     if (!id || !dir || !valid_kind(kind)) return -1;
     qx::SessionGuard sess;
     if (!sess) {
         FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+        cause = "no database session for the children";
         return -1;
     }
     qx::Result result;
-    if (!query_rows(sess, "grab_child_quotas", __LINE__, result, id, false)) return -1;
+    if (!query_rows(sess, "grab_child_quotas", __LINE__, result, id, false)) {
+        cause = qx::format("children query failed: %s", sess.error());
+        return -1;
+    }
+    exact = true;
     while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
-        if (!row[0]) return -1;
+        if (!row[0]) {
+            exact = false;
+            cause = "a child without id";
+            return -1;
+        }
         std::string path = qx::format(kChildFileFmt, dir, to_int(row[0]), kKindNames[kind]);
-        qx::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-        if (!fd) continue;
+        qx::UniqueFd fd = open_regular(path.c_str(), O_RDONLY);
         long long value = -1;
-        if (read_record(fd.get(), &value, nullptr) == 0 && value >= 0) sum += value;
+        if (!fd) {
+            if (exact) cause = qx::format("child file %s: %s", path.c_str(), error_text(errno));
+            exact = false;
+            continue;
+        }
+        if (read_record(fd.get(), &value, nullptr) != 0) {
+            if (exact) cause = qx::format("child file %s holds no valid record", path.c_str());
+            exact = false;
+            continue;
+        }
+        if (is_dirty(path.c_str())) {
+            if (exact) cause = qx::format("child file %s is marked dirty", path.c_str());
+            exact = false;
+        }
+        // A negative value is a record that says "unknown": it adds nothing, as it always did.
+        if (value >= 0) sum = saturating_add(sum, value);
     }
     return 0;
 }
 
 bool rev_in_range(const char *path, long long &value) {
-    qx::UniqueFd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    qx::UniqueFd fd = open_regular(path, O_RDONLY);
     if (!fd) return false;
     int revision = -1;
     if (read_record(fd.get(), &value, &revision) != 0) return false;
     return revision >= 0 && revision <= kRevisionLimit;
 }
 
-int real_update(const char *path, long long value, int revision) {
+// Writes one record under a blocking lock. opened: the file could be opened or created. The
+// result is true only when the file holds the new record; any failure is logged and the file
+// marked.
+bool write_quota(const std::string &path, long long value, int revision, bool &opened) {
     bool created;
-    qx::UniqueFd fd = open_quota_file(path, created);
-    if (!fd) return -1;
+    qx::UniqueFd fd = open_quota_file(path.c_str(), created);
+    opened = static_cast<bool>(fd);
+    if (!fd) {
+        const int err = errno;
+        log_file_error(__LINE__, "open quota file", path, err);
+        // Without its directory there is no file to distrust and no place for a mark.
+        if (err != ENOENT) mark_dirty(path);
+        return false;
+    }
     // The record is written even without the lock: a refresh must not leave a stale value.
     const bool locked = lock_blocking(fd.get()) == 0;
-    write_record(fd.get(), value, revision);
+    const bool written = write_record(fd.get(), value, revision) >= 0;
+    if (!written) {
+        const int err = errno;
+        log_file_error(__LINE__, "write quota file", path, err);
+        spoil_failed_write(fd.get(), path, created);
+    }
     if (locked) ::flock(fd.get(), LOCK_UN);
-    return 0;
+    return written;
 }
 
-// Bytes the account itself uses of one kind, before its children are added.
-long long own_usage(int kind, int level, const char *id, const char *parent_id,
-                    const char *grandparent_id) {
+int real_update(const char *path, long long value, int revision) {
+    bool opened;
+    write_quota(path, value, revision, opened);
+    return opened ? 0 : -1;
+}
+
+// Bytes the account itself uses of one kind, before its children are added. False, with the
+// cause, when some input could not be measured.
+bool own_usage(int kind, int level, const char *id, const char *parent_id,
+               const char *grandparent_id, long long &used, std::string &cause) {
+    used = 0;
     if (kFileTables[kind]) {
-        if (level != kLevelOwner) return 0;
-        long long used = qx_get_db_files_quota(kFileTables[kind], kLevelOwner, id);
-        return used < 0 ? 0 : used;
+        if (level != kLevelOwner) return true;
+        // No files at all is a NULL sum, which reads as 0; -1 is the failure.
+        long long sum = qx_get_db_files_quota(kFileTables[kind], kLevelOwner, id);
+        if (sum == -1) {
+            cause = qx::format("the database sum over %s failed", kFileTables[kind]);
+            return false;
+        }
+        used = sum < 0 ? 0 : sum;
+        return true;
     }
     std::vector<std::string> dirs;
     switch (level) {
@@ -627,13 +832,15 @@ long long own_usage(int kind, int level, const char *id, const char *parent_id,
         default:
             break;
     }
-    long long used = 0;
+    Unmeasured missed;
     for (const std::string &d : dirs) {
         long long one = 0;
-        measure_dir(d, one, true);
-        used += one;
+        measure_dir(d, one, true, missed);
+        used = saturating_add(used, one);
     }
-    return used;
+    if (!missed) return true;
+    cause = qx::format("cannot read %s: %s", missed.path.c_str(), std::strerror(missed.err));
+    return false;
 }
 
 struct ChildRow {
@@ -642,8 +849,23 @@ struct ChildRow {
     bool complete;
 };
 
+// An account whose subtree could not be walked keeps its files, marked for the next refresh.
+void abandon_account(const char *id, int kind, const std::string &dir, const char *cause,
+                     RefreshFaults &faults) {
+    ++faults.count;
+    FR_LOG(kSrc, kLogChannel, kLogError, kSubtreeFailedFmt, kSrc, __LINE__, id ? id : "?", cause);
+    if (dir.empty()) return;
+    const int first = kind == kKindAll ? 0 : kind;
+    const int last = kind == kKindAll ? kKindCount - 1 : kind;
+    struct stat st;
+    if (::stat(dir.c_str(), &st) != 0) return;  // nothing there yet to distrust
+    for (int k = first; k <= last; ++k)
+        mark_dirty(kind_file(dir, k));
+}
+
 int walk_subtree(const char *id, const char *parent_id, const char *grandparent_id, int level,
-                 int kind, std::string &dir, long long *total_out, int force, long long *scratch) {
+                 int kind, std::string &dir, long long *total_out, int force, long long *scratch,
+                 RefreshFaults &faults) {
     long long current = 0;
     const size_t base = dir.size();
     // Whatever way the walk ends, the caller gets its buffer back and the last value seen.
@@ -658,7 +880,10 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
         }
     } finish{dir, base, total_out, current};
 
-    if (dir.empty() || !id || kind < 0 || kind > kKindAll) return -1;
+    if (dir.empty() || !id || kind < 0 || kind > kKindAll) {
+        abandon_account(id, kind, dir, "no quota directory", faults);
+        return -1;
+    }
     if (dir.back() != '/') dir.push_back('/');
     const size_t child_at = dir.size();
 
@@ -669,10 +894,16 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
             qx::SessionGuard sess;
             if (!sess) {
                 FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+                dir.resize(base);
+                abandon_account(id, kind, dir, "no database session", faults);
                 return -1;
             }
             qx::Result result;
-            if (!query_rows(sess, "quota_update_subtree", __LINE__, result, id, true)) return -1;
+            if (!query_rows(sess, "quota_update_subtree", __LINE__, result, id, true)) {
+                dir.resize(base);
+                abandon_account(id, kind, dir, "the children query failed", faults);
+                return -1;
+            }
             // Copied out so that the session goes back to the pool before the descent.
             while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
                 if (!row[0] || !row[1]) {
@@ -683,10 +914,14 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
             }
         }
         for (const ChildRow &child : children) {
-            if (!child.complete) return -1;
+            if (!child.complete) {
+                dir.resize(base);
+                abandon_account(id, kind, dir, "a child row without id or level", faults);
+                return -1;
+            }
             append_component(dir, 0, child.id.c_str(), false);
             walk_subtree(child.id.c_str(), id, parent_id, child.level, kind, dir, nullptr,
-                         force - 1, scratch);
+                         force - 1, scratch, faults);
             dir.resize(child_at);
         }
     }
@@ -694,23 +929,50 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
 
     const int first = kind == kKindAll ? 0 : kind;
     const int last = kind == kKindAll ? kKindCount - 1 : kind;
+    bool dirs_tried = false;
     bool dirs_ready = false;
     for (int k = first; k <= last; ++k) {
         const std::string path = kind_file(dir, k);
         if (force < 1 && !is_dirty(path.c_str()) && rev_in_range(path.c_str(), current)) continue;
 
-        long long own = own_usage(k, level, id, parent_id, grandparent_id);
+        std::string cause;
+        long long own = 0;
+        bool exact = own_usage(k, level, id, parent_id, grandparent_id, own, cause);
         long long children = 0;
-        if (level <= kLevelWithChildren) child_sum(id, k, dir.c_str(), children);
-        current = own + children;
+        if (exact && level <= kLevelWithChildren)
+            child_sum(id, k, dir.c_str(), children, exact, cause);
+        if (!exact) {
+            ++faults.count;
+            FR_LOG(kSrc, kLogChannel, kLogError, kNotRefreshedFmt, kSrc, __LINE__, id,
+                   kKindNames[k], cause.c_str());
+            mark_dirty(path);
+            continue;
+        }
+        current = saturating_add(own, children);
 
         uid_t uid;
         gid_t gid;
-        if (!owner_ids(uid, gid)) return -1;
+        if (!owner_ids(uid, gid)) {
+            ++faults.count;
+            FR_LOG(kSrc, kLogChannel, kLogError, kNotRefreshedFmt, kSrc, __LINE__, id,
+                   kKindNames[k], "user or group asterisk not found");
+            return -1;
+        }
         // One directory for all kinds of the account: create it once.
-        if (!dirs_ready) dirs_ready = create_dirs(dir.c_str(), kDirMode, uid, gid) == 0;
-        real_update(path.c_str(), current, 0);
-        unset_dirty(path.c_str());
+        if (!dirs_tried) {
+            dirs_tried = true;
+            dirs_ready = create_dirs(dir.c_str(), kDirMode, uid, gid) == 0;
+            if (!dirs_ready) {
+                const int err = errno;
+                log_file_error(__LINE__, "create quota directory", dir, err);
+            }
+        }
+        bool opened;
+        if (dirs_ready && write_quota(path, current, 0, opened)) {
+            unset_dirty(path.c_str());
+        } else {
+            ++faults.count;
+        }
     }
     return 0;
 }
@@ -759,10 +1021,12 @@ int slow_refresh(int account_id, int kind, long long *total, int force, long lon
         }
         if (level == kLevelReseller && account_id < 1) dir.clear();
     }
-    // Only lookup failures are the caller's business; a walk that stops early still ran.
+    RefreshFaults faults;
+    // Only lookup failures are the caller's business; a walk that stops early still ran,
+    // unless the node asked for every fault to count.
     walk_subtree(id.get(), parent_str.get(), grandparent_str.get(), level, kind, dir, total, force,
-                 scratch);
-    return 0;
+                 scratch, faults);
+    return faults.count > 0 && settings().strict ? -1 : 0;
 }
 
 // ---- reading ---------------------------------------------------------------------------------
@@ -788,7 +1052,7 @@ int read_quota(unsigned account_id, unsigned parent_id, unsigned grandparent_id,
             path = reseller_qpath(k, static_cast<int>(account_id));
         }
         if (path.empty()) continue;
-        qx::UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        qx::UniqueFd fd = open_regular(path.c_str(), O_RDONLY);
         if (fd) read_record(fd.get(), &values[slot], revisions ? &revisions[slot] : nullptr);
     }
     return 0;
@@ -905,14 +1169,22 @@ int fast_update_file(const char *path, long long delta, int wait) {
     if (is_dirty(path)) return -1;
 
     bool created = false;
-    qx::UniqueFd fd(::open(path, O_RDWR | O_CLOEXEC));
+    qx::UniqueFd fd = open_regular(path, O_RDWR);
     if (!fd) {
-        if (errno != ENOENT) return -1;
+        // Something other than a file where the record belongs is an unreadable record.
+        const int err = errno;
+        if (err == EINVAL) set_dirty(path);
+        if (err != ENOENT) return -1;
         // The account directory is created on first need only; existing ones cost nothing.
         create_dirs(std::string(path, static_cast<size_t>(slash - path)).c_str(), kDirMode, uid,
                     gid);
         fd = open_quota_file(path, created);
-        if (!fd) return -1;
+        if (!fd) {
+            const int err = errno;
+            if (err != ENOENT) log_file_error(__LINE__, "create quota file", path, err);
+            if (err == EINVAL) set_dirty(path);
+            return -1;
+        }
     }
 
     while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -941,7 +1213,11 @@ int fast_update_file(const char *path, long long delta, int wait) {
         value = saturating_add(value, delta);
         if (value < 0) value = 0;
         revision = static_cast<int>(static_cast<unsigned>(revision) + 1u);
-        if (write_record(fd.get(), value, revision) < 0) set_dirty(path);
+        if (write_record(fd.get(), value, revision) < 0) {
+            const int err = errno;
+            log_file_error(__LINE__, "write quota file", path, err);
+            spoil_failed_write(fd.get(), path, created);
+        }
     }
     // Callers have always seen the value through an int; large values wrap, as they always did.
     return static_cast<int>(value);
@@ -1060,7 +1336,7 @@ extern "C" int get_ids(const char *user_name, const char *group_name, uid_t *uid
 extern "C" int make_qpaths(int kind, int reseller_id, int client_id, int owner_id,
                            char **reseller_path, char **client_path, char **owner_path) {
     return guarded(-1, [&] {
-        if (kind < 0 || kind > kKindAll || reseller_id < 1) return -1;
+        if (kind < 0 || kind > kKindAll || reseller_id < 1 || !settings().usable) return -1;
         qx::CStr owner;
         qx::CStr client;
         qx::CStr reseller;
@@ -1164,8 +1440,8 @@ extern "C" int is_dirty(const char *path) {
 extern "C" int set_dirty(const char *path) {
     if (!path) return -1;
     return guarded(-1, [&] {
-        qx::UniqueFd fd(
-            ::open(dirty_mark(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
+        qx::UniqueFd fd =
+            open_regular(dirty_mark(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC, kFileMode);
         if (!fd) return -1;
         uid_t uid;
         gid_t gid;
@@ -1225,8 +1501,9 @@ extern "C" int quota_update_subtree(const char *id, const char *parent_id,
                                     long long *total, int force, long long *scratch) {
     return guarded(-1, [&] {
         std::string buffer = dir && *dir ? *dir : "";
+        RefreshFaults faults;
         return walk_subtree(id, parent_id, grandparent_id, level, kind, buffer, total, force,
-                            scratch);
+                            scratch, faults);
     });
 }
 
@@ -1234,7 +1511,11 @@ extern "C" int grab_child_quotas(const char *id, const char * /*parent_id*/,
                                  const char * /*grandparent_id*/, int kind, const char *dir,
                                  long long *sum) {
     if (!sum) return -1;
-    return guarded(-1, [&] { return child_sum(id, kind, dir, *sum); });
+    return guarded(-1, [&] {
+        bool exact;
+        std::string cause;
+        return child_sum(id, kind, dir, *sum, exact, cause);
+    });
 }
 
 extern "C" int is_rev_inrange(const char *path, long long *value) {

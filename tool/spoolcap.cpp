@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -227,6 +228,13 @@ void add_target_row(fr_hash_t *table, MYSQL_ROW row) {
     if (fr_hash_force_add(table, &id, sizeof id, &rec, sizeof rec) != 0) std::free(rec.login);
 }
 
+// The operators' log searches name the run's steps, not the helpers that carry them out.
+void log_mysql_error(const char *step, int line, const char *error) {
+    if (kLogDebug <= fr_log_threshold)
+        fr_log_impl(kLogSource, line, step, kLogChannel, kLogDebug, kLogMysqlError, step, line,
+                    error);
+}
+
 fr_hash_t *select_targets() {
     qx::SessionGuard sess;
     if (!sess) return nullptr;
@@ -243,8 +251,7 @@ fr_hash_t *select_targets() {
     // A failing statement still hands back the (empty) table: the run goes on without
     // targets instead of reporting that none were found.
     if (rc != 0) {
-        FR_LOG(kLogSource, kLogChannel, kLogDebug, kLogMysqlError, "get_sql_data", __LINE__,
-               sess.error());
+        log_mysql_error("get_sql_data", __LINE__, sess.error());
         return table.release();
     }
     if (!result) {
@@ -308,8 +315,7 @@ int show_all_accounts(const qx::SessionGuard &sess) {
     const int rc = fr_sql_conn_query(sess.get(), 1, &raw, "%s", kSelectAllAccounts);
     qx::Result result(raw);
     if (rc != 0) {
-        FR_LOG(kLogSource, kLogChannel, kLogDebug, kLogMysqlError, "show_quotas", __LINE__,
-               sess.error());
+        log_mysql_error("show_quotas", __LINE__, sess.error());
         return -1;
     }
     if (!result) {
@@ -547,12 +553,12 @@ int show_quotas(void) {
 
 int print_quotas(const long long *quota) {
     if (!quota) return 0;
-    // Unknown (negative) kinds add nothing; unsigned addition keeps absurd values defined.
-    unsigned long long sum = 0;
+    // Unknown (negative) kinds add nothing; a total beyond 64 bits shows as the largest count
+    // rather than wrapping to a negative one.
+    long long total = 0;
     for (int k = 0; k < kKindCount; ++k) {
-        if (quota[k] > 0) sum += static_cast<unsigned long long>(quota[k]);
+        if (quota[k] > 0 && __builtin_add_overflow(total, quota[k], &total)) total = LLONG_MAX;
     }
-    const auto total = static_cast<long long>(sum);
 
     char unit[3];
     if (human_flag) {
