@@ -3,7 +3,10 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +20,7 @@
 #include <string>
 #include <vector>
 
+#include "quota.h"
 #include "qxtest.hpp"
 
 namespace {
@@ -488,6 +492,248 @@ TEST(SpoolcapRun, ShowAllListsEveryAccountInServerOrder) {
     r = qxtest::spoolcap({"--action", "show", "--all"});
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.out, expected);
+}
+
+// ---- faults ----------------------------------------------------------------------------------
+
+// Replaces a configuration file for the scope (appending lines, or new content).
+class ConfFile {
+  public:
+    ConfFile(std::string rel, const std::string &text, bool append = true)
+        : path_(qxtest::path(rel)), saved_(qxtest::read_file(path_).value_or("")) {
+        put(path_, append ? saved_ + text : text);
+    }
+    ~ConfFile() { put(path_, saved_); }
+
+  private:
+    std::string path_, saved_;
+};
+
+// Log lines the runs of the scope added.
+class RunLog {
+  public:
+    RunLog() : before_(text().size()) {}
+    std::string added() const { return text().substr(std::min(before_, text().size())); }
+
+  private:
+    static std::string text() {
+        return qxtest::read_file(qxtest::path("/var/log/quorvex.log")).value_or("");
+    }
+    size_t before_;
+};
+
+// A run that hangs fails the test instead of the suite.
+qxtest::RunResult bounded(std::vector<std::string> args) {
+    args.insert(args.begin(), {"timeout", "60", QX_SPOOLCAP});
+    return qxtest::run(args);
+}
+
+bool dirty(const std::string &f) {
+    return fs::exists(f + ".dirty");
+}
+
+// Reads a record without ever opening anything but a regular file.
+std::string content(const std::string &f) {
+    if (!fs::is_regular_file(f)) return "(missing)";
+    return qxtest::read_file(f).value_or("(missing)");
+}
+
+std::map<std::string, std::string> snapshot(const Tree &t) {
+    std::map<std::string, std::string> out;
+    for (const auto &f : t.files())
+        out[f] = content(f);
+    return out;
+}
+
+// What a fault may leave: the exact value, the old content, or a dirty mark. Returns how many
+// files took each way.
+std::array<int, 3> expect_exact_old_or_dirty(const Tree &t,
+                                             const std::map<std::string, std::string> &old) {
+    std::array<int, 3> ways{};
+    for (const auto &[id, values] : t.usage) {
+        for (int k = 0; k < kKinds; ++k) {
+            const std::string f = t.file(id, k), now = content(f);
+            const int way = now == std::to_string(values[k]) + ".0" ? 0 : now == old.at(f) ? 1 : 2;
+            EXPECT_TRUE(way < 2 || dirty(f)) << f << " holds " << now;
+            ++ways[way];
+        }
+    }
+    return ways;
+}
+
+// After the fault is gone, one refresh (forced where no mark could be made) repairs every file.
+void expect_repaired(const Tree &t, bool force = false) {
+    auto r = qxtest::spoolcap({"-A", "set", "-q", force ? "-f" : "-q", "-u", str(t.r)});
+    EXPECT_EQ(r.status, 0) << r.err;
+    expect_refreshed(t);
+    for (const auto &f : t.files())
+        EXPECT_FALSE(dirty(f)) << f;
+}
+
+struct Unmount {
+    std::string dir;
+    ~Unmount() { umount2(dir.c_str(), MNT_DETACH); }
+};
+
+TEST(SpoolcapFaults, UnmeasuredInputsKeepOldValuesMarkedAndStrictRunsFail) {
+    Tree t = make_tree();
+    ASSERT_EQ(qxtest::spoolcap({"-A", "set", "-q", "-u", str(t.r)}).status, 0);
+    // New data the failed refresh must not half-apply: only a whole refresh may show it.
+    qxtest::add_db_file("extension_recording",
+                        static_cast<int>(qxtest::sql_int(
+                            "SELECT MIN(id) FROM extension WHERE client_id = " + str(t.u3))),
+                        4);
+    t.usage[t.u3][2] += 4, t.usage[t.c2][2] += 4, t.usage[t.r][2] += 4;
+    const auto old = snapshot(t);
+
+    struct Renamed {
+        Renamed() { qxtest::sql("RENAME TABLE extension_recording TO extension_recording_gone"); }
+        ~Renamed() { qxtest::sql("RENAME TABLE extension_recording_gone TO extension_recording"); }
+    };
+    {
+        Renamed gone;
+        RunLog log;
+        auto r = bounded({"-A", "set", "-q", "-f", "-u", str(t.r)});
+        EXPECT_EQ(r.status, 0) << "faults change no status by default";
+        EXPECT_NE(log.added().find("kind recording not refreshed: the database sum over "
+                                   "extension_recording failed"),
+                  std::string::npos)
+            << log.added();
+        // Recording files of every level kept their value (three of them are still right);
+        // every other file is exact.
+        EXPECT_EQ(expect_exact_old_or_dirty(t, old), (std::array<int, 3>{27, 3, 0}));
+        for (const auto &[id, d] : t.dir)
+            EXPECT_TRUE(dirty(t.file(id, 2))) << t.file(id, 2);
+
+        ConfFile strict("/etc/quorvex/local.conf", "QUOTA_STRICT_REFRESH yes\n");
+        r = bounded({"-A", "set", "-f", "-u", str(t.r)});
+        EXPECT_EQ(r.status, 5);
+        EXPECT_EQ(r.err, "No quota file could be updated!\n");
+    }
+    expect_repaired(t);
+}
+
+TEST(SpoolcapFaults, WritesThatFailAreLoggedAndLeaveNoTrustedFile) {
+    if (getuid() != 0) GTEST_SKIP() << "mounting a full or read-only filesystem needs root";
+    struct Case {
+        const char *why;
+        bool first_run;     // the files do not exist yet
+        const char *mount;  // options of the filesystem over the reseller's directory
+        const char *error;  // what the log must say
+    } cases[] = {
+        {"full filesystem", true, "tmpfs", "No space left on device"},
+        {"read-only directory", false, "ro", "Read-only file system"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.why);
+        Tree t = make_tree();
+        if (!c.first_run) {
+            ASSERT_EQ(qxtest::spoolcap({"-A", "set", "-q", "-u", str(t.r)}).status, 0);
+        }
+        fs::create_directories(t.dir[t.r]);
+        const auto old = snapshot(t);
+        qxtest::write_file(sounds_dir(t.u1) + "/new.wav", 100);
+        t.usage[t.u1][1] += 100, t.usage[t.c1][1] += 100, t.usage[t.r][1] += 100;
+        {
+            Unmount undo{t.dir[t.r]};
+            if (std::string(c.mount) == "tmpfs") {
+                ASSERT_EQ(mount("tmpfs", t.dir[t.r].c_str(), "tmpfs", 0, "size=8k,mode=0770"), 0);
+                FILE *fill = std::fopen((t.dir[t.r] + "/fill").c_str(), "w");
+                ASSERT_TRUE(fill);
+                while (std::fputs(std::string(4096, 'x').c_str(), fill) >= 0 &&
+                       std::fflush(fill) == 0) {
+                }
+                std::fclose(fill);
+            } else {
+                ASSERT_EQ(mount(t.dir[t.r].c_str(), t.dir[t.r].c_str(), nullptr, MS_BIND, nullptr),
+                          0);
+                ASSERT_EQ(mount(nullptr, t.dir[t.r].c_str(), nullptr,
+                                MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr),
+                          0);
+            }
+            RunLog log;
+            auto r = bounded({"-A", "set", "-q", "-f", "-u", str(t.r)});
+            EXPECT_EQ(r.status, 0);
+            EXPECT_NE(log.added().find(c.error), std::string::npos) << log.added();
+            // Only files whose value did not change may read right.
+            EXPECT_EQ(expect_exact_old_or_dirty(t, old)[0], c.first_run ? 0 : 27);
+            for (const auto &f : t.files()) {
+                const auto now = qxtest::read_file(f);
+                EXPECT_TRUE(!now || !now->empty() || dirty(f)) << "empty and unmarked: " << f;
+            }
+            ConfFile strict("/etc/quorvex/local.conf", "QUOTA_STRICT_REFRESH yes\n");
+            EXPECT_EQ(bounded({"-A", "set", "-q", "-f", "-u", str(t.r)}).status, 5);
+        }
+        // Nothing could be marked on a read-only filesystem: only a forced refresh repairs.
+        expect_repaired(t, !c.first_run);
+    }
+}
+
+TEST(SpoolcapFaults, NothingBlocksOnAFifoWhereARecordBelongs) {
+    Tree t = make_tree();
+    ASSERT_EQ(qxtest::spoolcap({"-A", "set", "-q", "-u", str(t.r)}).status, 0);
+    const std::string fifo = t.file(t.u1, 1);
+    ASSERT_EQ(unlink(fifo.c_str()), 0);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0660), 0);
+    const auto old = snapshot(t);
+
+    Usage shown = t.usage[t.u1];
+    shown[1] = -1;
+    auto r = bounded({"-A", "show", "-u", str(t.u1)});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, block(t.u1, body(shown)));
+
+    EXPECT_EQ(quota_upd_fast_internal(fifo.c_str(), 10, 30), -1);
+    EXPECT_TRUE(dirty(fifo)) << "an unreadable record is marked for the next refresh";
+    ASSERT_EQ(unlink((fifo + ".dirty").c_str()), 0);
+
+    RunLog log;
+    for (const char *force : {"-q", "-f"})
+        EXPECT_EQ(bounded({"-A", "set", "-q", force, "-u", str(t.r)}).status, 0);
+    EXPECT_NE(log.added().find(fifo + ": not a regular file"), std::string::npos) << log.added();
+    // The client above it cannot sum what it cannot read.
+    EXPECT_TRUE(dirty(t.file(t.c1, 1)));
+    EXPECT_EQ(qxtest::read_file(t.file(t.c1, 1)), old.at(t.file(t.c1, 1)));
+
+    ASSERT_EQ(unlink(fifo.c_str()), 0);
+    expect_repaired(t);
+}
+
+TEST(SpoolcapFaults, HugeValuesSaturateAndOverlongRecordsAreUnreadable) {
+    Tree t = make_tree();
+    ASSERT_EQ(qxtest::spoolcap({"-A", "set", "-q", "-u", str(t.r)}).status, 0);
+    const std::string max = "9223372036854775807";
+    put(t.file(t.c1, 1), max + ".0");
+    put(t.file(t.c2, 1), max + ".0");
+    put(t.file(t.r, 1) + ".dirty", "");
+    put(t.file(t.r, 0), "99999999999999999999.0");  // does not fit in 64 bits
+
+    EXPECT_EQ(bounded({"-A", "set", "-q", "-u", str(t.r)}).status, 0);
+    EXPECT_EQ(qxtest::read_file(t.file(t.r, 1)), max + ".0");
+    EXPECT_EQ(qxtest::read_file(t.file(t.r, 0)), "350.0") << "an unreadable record is recomputed";
+
+    put(t.file(t.r, 0), "99999999999999999999.0");
+    Usage shown = t.usage[t.r];
+    shown[0] = -1;
+    shown[1] = std::stoll(max);
+    auto r = bounded({"-A", "show", "-u", str(t.r)});
+    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), block(t.r, max + " bytes"));
+    EXPECT_EQ(r.out, block(t.r, body(shown).replace(0, body(shown).find('\n'), max + " bytes")));
+}
+
+TEST(SpoolcapFaults, AnUnusableQuotaRootWritesNothingAndSaysWhy) {
+    Tree t = make_tree();
+    ConfFile paths("/etc/quorvex/paths.conf",
+                   "QUORVEX_QUOTA_D /" + std::string(100 * 1024, 'q') + "\nASTERISK_CONF_FILE " +
+                       qxtest::path("/etc/asterisk/asterisk.conf") + "\n",
+                   false);
+    RunLog log;
+    auto r = bounded({"-A", "set", "-u", str(t.r)});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(log.added().find("paths.conf cannot be used"), std::string::npos) << log.added();
+    EXPECT_FALSE(fs::exists(t.dir[t.r]));
+    ConfFile strict("/etc/quorvex/local.conf", "QUOTA_STRICT_REFRESH yes\n");
+    EXPECT_EQ(bounded({"-A", "set", "-q", "-u", str(t.r)}).status, 5);
 }
 
 }  // namespace
