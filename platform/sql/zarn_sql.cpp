@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdarg>
@@ -39,10 +40,11 @@ constexpr int kPrioWarning = 4;
 constexpr int kPrioNotice = 5;
 constexpr int kPrioDebug = 7;
 
-constexpr unsigned kConnectTimeoutSec = 2;
-constexpr unsigned kReadTimeoutSec = 30;
-constexpr unsigned kWriteTimeoutSec = 30;
+constexpr int kConnectTimeoutSec = 2;
+constexpr int kReadTimeoutSec = 30;
+constexpr int kWriteTimeoutSec = 30;
 constexpr int kDefaultDownTimeSec = 30;
+constexpr int kLineBytes = 255;
 constexpr double kDefaultIdleTimeoutSec = 60.0;
 // Connection-opened messages are chatty; only a verbose pool emits them.
 constexpr int kVerboseConnects = 100;
@@ -55,6 +57,8 @@ constexpr const char *kMsgConnected = "Connected to SQL %s %s of shard <%s>.\n";
 constexpr const char *kMsgReconnecting =
     "Lost connection to SQL %s %s of shard <%s> (%s), reconnecting.\n";
 constexpr const char *kMsgSlaveDown = "SQL slave %s of shard <%s> is avoided for %d s.\n";
+constexpr const char *kMsgMasterDown =
+    "SQL master %s of shard <%s> is avoided for %d s after %s: %s\n";
 constexpr const char *kMsgInvalidShard =
     "Invalid SQL shard description, expected <shard>:<user>:<password>:<database>.\n";
 constexpr const char *kMsgDuplicateShard = "SQL shard <%s> is already registered.\n";
@@ -64,7 +68,9 @@ constexpr const char *kMsgMissingMaster = "No master SQL server for shard <%s> i
 constexpr const char *kMsgNoMasterAtAll = "No master SQL server in <%s>.\n";
 constexpr const char *kMsgUnknownShard = "SQL shard <%s> is not registered.\n";
 constexpr const char *kMsgOpenFailed = "Cannot open SQL server list <%s>: %s.\n";
-constexpr const char *kMsgInvalidHost = "Invalid SQL server line [%d] in <%s>.\n";
+constexpr const char *kMsgInvalidHost = "Invalid SQL server line [%d] in <%s> (%.*s).\n";
+constexpr const char *kMsgOverlong =
+    "%.*s line [%d] in <%s> is longer than %d bytes; the rest of it is ignored.\n";
 
 // Statements that read session state (user variables, the last insert id) or take locks must
 // run on the connection that owns that state, so they stay on the master although they start
@@ -81,7 +87,7 @@ struct Server {
     const std::string host;
     const int port;
     const bool unix_socket;
-    // Until when the server is avoided; only slaves are ever marked.
+    // Until when the server is avoided.
     std::atomic<Clock::rep> down_until{0};
 
     std::string describe() const {
@@ -165,6 +171,10 @@ struct Pool {
 
     std::atomic<long long> idle_timeout_ms{static_cast<long long>(kDefaultIdleTimeoutSec * 1000)};
     std::atomic<int> down_time{kDefaultDownTimeSec};
+    std::atomic<int> master_down_time{kDefaultDownTimeSec};
+    std::atomic<int> connect_timeout{kConnectTimeoutSec};
+    std::atomic<int> read_timeout{kReadTimeoutSec};
+    std::atomic<int> write_timeout{kWriteTimeoutSec};
     std::atomic<int> verbosity{0};
     std::atomic<unsigned> next_slave{0};
 };
@@ -189,9 +199,47 @@ const char *role_of(const Link &link, const fr_sql_conn &conn) {
     return &link == &conn.master ? "master" : "slave";
 }
 
-bool is_connection_lost(unsigned err) {
-    return err == CR_SERVER_GONE_ERROR || err == CR_SERVER_LOST || err == CR_SERVER_LOST_EXTENDED ||
-           err == ER_CONNECTION_KILLED;
+// Failures of the server or of the way to it, as opposed to the statement or the login.
+bool is_connection_error(unsigned err) {
+    switch (err) {
+        case CR_SOCKET_CREATE_ERROR:
+        case CR_CONNECTION_ERROR:
+        case CR_CONN_HOST_ERROR:
+        case CR_IPSOCK_ERROR:
+        case CR_UNKNOWN_HOST:
+        case CR_SERVER_GONE_ERROR:
+        case CR_SERVER_HANDSHAKE_ERR:
+        case CR_SERVER_LOST:
+        case CR_SERVER_LOST_EXTENDED:
+        case ER_CONNECTION_KILLED:
+        case ER_SERVER_SHUTDOWN:
+        case ER_NET_READ_ERROR:
+        case ER_NET_READ_INTERRUPTED:
+        case ER_NET_ERROR_ON_WRITE:
+        case ER_NET_WRITE_INTERRUPTED:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// statement_error and login_failed come from a server that answered; lost and timed_out say
+// the server (or the way to it) failed.
+enum class Outcome { ok, statement_error, login_failed, lost, timed_out };
+
+bool server_failed(Outcome outcome) {
+    return outcome == Outcome::lost || outcome == Outcome::timed_out;
+}
+
+// The client library reports a timeout as a lost connection; the system error it leaves
+// behind, or the time the call took, tells the two apart.
+Outcome classify_failure(MYSQL *h, int sys_errno, Clock::duration waited) {
+    if (!is_connection_error(mysql_errno(h))) return Outcome::statement_error;
+    const Pool &p = pool();
+    const int shortest = std::min(p.read_timeout.load(std::memory_order_relaxed),
+                                  p.write_timeout.load(std::memory_order_relaxed));
+    const bool timed_out = sys_errno == ETIMEDOUT || waited >= std::chrono::seconds(shortest);
+    return timed_out ? Outcome::timed_out : Outcome::lost;
 }
 
 bool iequal_prefix(std::string_view text, std::string_view prefix) {
@@ -226,7 +274,7 @@ bool may_use_slave(std::string_view sql) {
 }
 
 // Opens a fresh connection on link to server, replacing whatever it held.
-bool open_link(Link &link, const ServerPtr &server, const fr_sql_conn &conn) {
+Outcome open_link(Link &link, const ServerPtr &server, const fr_sql_conn &conn) {
     const qx::sql::ShardInfo &info = conn.shard->info;
     const char *role = role_of(link, conn);
     MYSQL *fresh = mysql_init(nullptr);
@@ -234,15 +282,16 @@ bool open_link(Link &link, const ServerPtr &server, const fr_sql_conn &conn) {
         FR_LOG(kSrc, kChannel, kPrioError, kMsgConnectFailed, role, server->describe().c_str(),
                info.name.c_str(), "out of memory");
         link.connected = false;
-        return false;
+        return Outcome::login_failed;
     }
     link.handle.reset(fresh);
     link.connected = false;
     link.server = server;
 
-    const unsigned connect_timeout = kConnectTimeoutSec;
-    const unsigned read_timeout = kReadTimeoutSec;
-    const unsigned write_timeout = kWriteTimeoutSec;
+    const Pool &p = pool();
+    const unsigned connect_timeout = static_cast<unsigned>(p.connect_timeout.load());
+    const unsigned read_timeout = static_cast<unsigned>(p.read_timeout.load());
+    const unsigned write_timeout = static_cast<unsigned>(p.write_timeout.load());
     // Without an explicit protocol the library would turn "localhost" into its default socket.
     const unsigned protocol = server->unix_socket ? MYSQL_PROTOCOL_SOCKET : MYSQL_PROTOCOL_TCP;
     mysql_options(fresh, MYSQL_OPT_CONNECT_TIMEOUT, &connect_timeout);
@@ -259,7 +308,7 @@ bool open_link(Link &link, const ServerPtr &server, const fr_sql_conn &conn) {
                             socket, CLIENT_MULTI_RESULTS)) {
         FR_LOG(kSrc, kChannel, kPrioError, kMsgConnectFailed, role, server->describe().c_str(),
                info.name.c_str(), mysql_error(fresh));
-        return false;
+        return is_connection_error(mysql_errno(fresh)) ? Outcome::lost : Outcome::login_failed;
     }
     link.connected = true;
     link.last_used = Clock::now();
@@ -267,19 +316,29 @@ bool open_link(Link &link, const ServerPtr &server, const fr_sql_conn &conn) {
         FR_LOG(kSrc, kChannel, kPrioDebug, kMsgConnected, role, server->describe().c_str(),
                info.name.c_str());
     }
-    return true;
+    return Outcome::ok;
 }
 
 // Makes link a live connection to server: reuses it when it is fresh, pings it when it has
-// been idle long enough for the server to have dropped it, and reconnects once otherwise.
-bool ensure_link(Link &link, const ServerPtr &server, const fr_sql_conn &conn) {
+// been idle long enough for the server to have dropped it, and reconnects once otherwise
+// (but not after the ping timed out: the connect would wait on the same stalled server).
+Outcome ensure_link(Link &link, const ServerPtr &server, const fr_sql_conn &conn) {
     if (link.connected && link.server == server) {
         const Clock::duration timeout = idle_timeout();
         const Clock::time_point now = Clock::now();
-        if (timeout <= Clock::duration::zero() || now - link.last_used <= timeout) return true;
+        if (timeout <= Clock::duration::zero() || now - link.last_used <= timeout) {
+            return Outcome::ok;
+        }
+        errno = 0;
         if (mysql_ping(link.handle.get()) == 0) {
             link.last_used = now;
-            return true;
+            return Outcome::ok;
+        }
+        const int sys_errno = errno;
+        if (classify_failure(link.handle.get(), sys_errno, Clock::now() - now) ==
+            Outcome::timed_out) {
+            link.connected = false;
+            return Outcome::timed_out;
         }
         FR_LOG(kSrc, kChannel, kPrioNotice, kMsgReconnecting, role_of(link, conn),
                server->describe().c_str(), conn.shard->info.name.c_str(),
@@ -296,19 +355,19 @@ void drain_pending_results(MYSQL *h) {
     }
 }
 
-enum class Outcome { ok, statement_error, connection_lost };
-
 Outcome execute(Link &link, const std::string &sql, int store, MYSQL_RES **result) {
     MYSQL *h = link.handle.get();
+    const Clock::time_point start = Clock::now();
+    errno = 0;
     drain_pending_results(h);
     if (mysql_real_query(h, sql.data(), sql.size()) != 0) {
-        return is_connection_lost(mysql_errno(h)) ? Outcome::connection_lost
-                                                  : Outcome::statement_error;
+        const int sys_errno = errno;
+        return classify_failure(h, sys_errno, Clock::now() - start);
     }
     MYSQL_RES *res = store ? mysql_store_result(h) : mysql_use_result(h);
     if (!res && mysql_field_count(h) != 0) {
-        return is_connection_lost(mysql_errno(h)) ? Outcome::connection_lost
-                                                  : Outcome::statement_error;
+        const int sys_errno = errno;
+        return classify_failure(h, sys_errno, Clock::now() - start);
     }
     if (store) drain_pending_results(h);
     link.last_used = Clock::now();
@@ -320,25 +379,54 @@ Outcome execute(Link &link, const std::string &sql, int store, MYSQL_RES **resul
     return Outcome::ok;
 }
 
-// Runs once, and once more on a new connection when the first one turned out to be dead.
+// Runs once, and once more on a new connection when the first one turned out to be dead (a
+// server restarted under an idle link). A statement that timed out is not run again: a
+// stalled server would keep the caller waiting twice.
 Outcome execute_with_reconnect(Link &link, const fr_sql_conn &conn, const std::string &sql,
                                int store, MYSQL_RES **result) {
     Outcome outcome = execute(link, sql, store, result);
-    if (outcome != Outcome::connection_lost) return outcome;
+    if (outcome != Outcome::lost) return outcome;
     ServerPtr server = link.server;
     FR_LOG(kSrc, kChannel, kPrioNotice, kMsgReconnecting, role_of(link, conn),
            server->describe().c_str(), conn.shard->info.name.c_str(),
            mysql_error(link.handle.get()));
-    if (!open_link(link, server, conn)) return Outcome::connection_lost;
+    const Outcome reopened = open_link(link, server, conn);
+    if (reopened != Outcome::ok) return reopened;
     return execute(link, sql, store, result);
 }
 
-void mark_down(const ServerPtr &server, const fr_sql_conn &conn) {
+void mark_slave_down(const ServerPtr &server, const fr_sql_conn &conn) {
     const int seconds = pool().down_time.load(std::memory_order_relaxed);
     const Clock::time_point until = Clock::now() + std::chrono::seconds(seconds);
     server->down_until.store(until.time_since_epoch().count(), std::memory_order_relaxed);
     FR_LOG(kSrc, kChannel, kPrioWarning, kMsgSlaveDown, server->describe().c_str(),
            conn.shard->info.name.c_str(), seconds);
+}
+
+// Until the master down time has passed no session of the shard is handed out and statements
+// on the master fail at once. Idle sessions of the shard are closed: they would only wait on
+// the same server again. Logged once per failure, by the session that marked it.
+void mark_master_down(fr_sql_conn &conn, Outcome cause) {
+    Link &link = conn.master;
+    const ServerPtr server = conn.topology->master;
+    const int seconds = pool().master_down_time.load(std::memory_order_relaxed);
+    const Clock::time_point now = Clock::now();
+    const Clock::rep until = (now + std::chrono::seconds(seconds)).time_since_epoch().count();
+    const Clock::rep before = server->down_until.exchange(until, std::memory_order_relaxed);
+    // The handle stays: callers read the failure's text through fr_sql_conn_get_mysql.
+    link.connected = false;
+    std::deque<ConnPtr> idle;
+    {
+        Pool &p = pool();
+        std::lock_guard lock(p.mutex);
+        if (conn.shard->topology == conn.topology) idle.swap(conn.shard->idle);
+    }
+    if (before <= now.time_since_epoch().count()) {
+        FR_LOG(kSrc, kChannel, kPrioError, kMsgMasterDown, server->describe().c_str(),
+               conn.shard->info.name.c_str(), seconds,
+               cause == Outcome::timed_out ? "a timeout" : "a connection failure",
+               link.handle ? mysql_error(link.handle.get()) : "");
+    }
 }
 
 ServerPtr choose_slave(const fr_sql_conn &conn) {
@@ -366,15 +454,16 @@ std::optional<int> run_on_slave(fr_sql_conn &conn, const std::string &sql, int s
         ServerPtr server = choose_slave(conn);
         if (!server) return std::nullopt;
         if (conn.slave.server != server) conn.slave.close();
-        Outcome outcome = ensure_link(conn.slave, server, conn)
-                              ? execute_with_reconnect(conn.slave, conn, sql, store, result)
-                              : Outcome::connection_lost;
+        Outcome outcome = ensure_link(conn.slave, server, conn);
+        if (outcome == Outcome::ok) {
+            outcome = execute_with_reconnect(conn.slave, conn, sql, store, result);
+        }
         if (outcome == Outcome::ok) {
             conn.last_on_slave = true;
             return 0;
         }
         if (outcome == Outcome::statement_error) return std::nullopt;
-        mark_down(server, conn);
+        mark_slave_down(server, conn);
         conn.slave.close();
     }
     return std::nullopt;
@@ -389,8 +478,12 @@ int run_query(fr_sql_conn &conn, const std::string &sql, int store, MYSQL_RES **
     }
     conn.last_on_slave = false;
     const ServerPtr &master = conn.topology->master;
-    if (!ensure_link(conn.master, master, conn)) return -1;
-    return execute_with_reconnect(conn.master, conn, sql, store, result) == Outcome::ok ? 0 : -1;
+    if (master->is_down(Clock::now())) return -1;
+    Outcome outcome = ensure_link(conn.master, master, conn);
+    if (outcome == Outcome::ok)
+        outcome = execute_with_reconnect(conn.master, conn, sql, store, result);
+    if (server_failed(outcome)) mark_master_down(conn, outcome);
+    return outcome == Outcome::ok ? 0 : -1;
 }
 
 // Takes every shard, topology and idle session out of the pool; they are closed when the
@@ -412,9 +505,25 @@ Detached reset_pool() {
     out.shards.swap(p.shards);
     p.topologies.clear();
     p.down_time.store(kDefaultDownTimeSec);
+    p.master_down_time.store(kDefaultDownTimeSec);
+    p.connect_timeout.store(kConnectTimeoutSec);
+    p.read_timeout.store(kReadTimeoutSec);
+    p.write_timeout.store(kWriteTimeoutSec);
     p.verbosity.store(0);
     p.idle_timeout_ms.store(static_cast<long long>(kDefaultIdleTimeoutSec * 1000));
     return out;
+}
+
+std::atomic<int> *timeout_slot(fr_sql_timeout_t which) {
+    switch (which) {
+        case FR_SQL_TIMEOUT_CONNECT:
+            return &pool().connect_timeout;
+        case FR_SQL_TIMEOUT_READ:
+            return &pool().read_timeout;
+        case FR_SQL_TIMEOUT_WRITE:
+            return &pool().write_timeout;
+    }
+    return nullptr;
 }
 
 struct ParsedServers {
@@ -495,6 +604,23 @@ int fr_sqlpool_down_time_get(void) {
     return pool().down_time.load();
 }
 
+void fr_sqlpool_master_down_time_set(int seconds) {
+    pool().master_down_time.store(std::max(seconds, 0));
+}
+
+int fr_sqlpool_master_down_time_get(void) {
+    return pool().master_down_time.load();
+}
+
+void fr_sqlpool_timeout_set(fr_sql_timeout_t which, int seconds) {
+    if (std::atomic<int> *slot = timeout_slot(which)) slot->store(std::max(seconds, 1));
+}
+
+int fr_sqlpool_timeout_get(fr_sql_timeout_t which) {
+    std::atomic<int> *slot = timeout_slot(which);
+    return slot ? slot->load() : -1;
+}
+
 int fr_sql_shard_parse_connection_info(const char *path, const char *shard, int required) {
     try {
         if (!path) return -1;
@@ -504,20 +630,28 @@ int fr_sql_shard_parse_connection_info(const char *path, const char *shard, int 
             return -1;
         }
         std::map<std::string, ParsedServers, std::less<>> parsed;
-        qx::sql::for_each_config_line(fp.get(), [&](int line_no, std::string_view text) {
-            bool is_master = true;
-            size_t at = text.find(kMasterKeyword);
-            size_t keyword_len = kMasterKeyword.size();
+        qx::sql::for_each_config_line(fp.get(), [&](const qx::sql::ConfigLine &line) {
+            const std::string_view text = line.text;
+            for (std::string_view keyword : {kMasterKeyword, kSlaveKeyword}) {
+                if (line.overlong && line.whole.find(keyword) != std::string_view::npos) {
+                    FR_LOG(kSrc, kChannel, kPrioError, kMsgOverlong,
+                           static_cast<int>(keyword.size()), keyword.data(), line.number, path,
+                           kLineBytes);
+                }
+            }
+            std::string_view keyword = kMasterKeyword;
+            size_t at = text.find(keyword);
             if (at == std::string_view::npos) {
-                is_master = false;
-                at = text.find(kSlaveKeyword);
-                keyword_len = kSlaveKeyword.size();
+                keyword = kSlaveKeyword;
+                at = text.find(keyword);
                 if (at == std::string_view::npos) return;
             }
+            const bool is_master = keyword == kMasterKeyword;
             std::optional<qx::sql::HostSpec> host_spec =
-                qx::sql::parse_host_value(qx::sql::trim(text.substr(at + keyword_len)));
+                qx::sql::parse_host_value(qx::sql::trim(text.substr(at + keyword.size())));
             if (!host_spec) {
-                FR_LOG(kSrc, kChannel, kPrioError, kMsgInvalidHost, line_no, path);
+                FR_LOG(kSrc, kChannel, kPrioError, kMsgInvalidHost, line.number, path,
+                       static_cast<int>(keyword.size()), keyword.data());
                 return;
             }
             if (shard && host_spec->shard != shard) return;
@@ -599,12 +733,15 @@ fr_sql_conn_t *fr_sqlpool_conn_get(int shard_index) {
         ShardPtr shard;
         TopologyPtr topology;
         ConnPtr conn;
+        bool master_down = false;
         {
             std::lock_guard lock(p.mutex);
             if (shard_index >= 0 && static_cast<size_t>(shard_index) < p.shards.size()) {
                 shard = p.shards[static_cast<size_t>(shard_index)];
                 topology = shard->topology;
-                if (!shard->idle.empty()) {
+                master_down =
+                    topology && topology->master && topology->master->is_down(Clock::now());
+                if (!master_down && !shard->idle.empty()) {
                     conn = std::move(shard->idle.back());
                     shard->idle.pop_back();
                 }
@@ -618,6 +755,7 @@ fr_sql_conn_t *fr_sqlpool_conn_get(int shard_index) {
             FR_LOG(kSrc, kChannel, kPrioError, kMsgNoMaster, shard->info.name.c_str());
             return nullptr;
         }
+        if (master_down) return nullptr;
         if (!conn) {
             conn = std::make_unique<fr_sql_conn>();
             conn->shard = shard;
@@ -625,7 +763,11 @@ fr_sql_conn_t *fr_sqlpool_conn_get(int shard_index) {
         }
         // Connecting here lets callers take their "no session" path at once when the master
         // is unreachable, instead of failing on their first statement.
-        if (!ensure_link(conn->master, topology->master, *conn)) return nullptr;
+        if (const Outcome outcome = ensure_link(conn->master, topology->master, *conn);
+            outcome != Outcome::ok) {
+            if (server_failed(outcome)) mark_master_down(*conn, outcome);
+            return nullptr;
+        }
         conn->last_on_slave = false;
         conn->wrote = false;
         return conn.release();

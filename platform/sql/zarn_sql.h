@@ -4,8 +4,11 @@
  * Server lines (sqldbase.conf): "DB_MASTER <shard>:<host>:<port>" and
  * "DB_SLAVE <shard>:<host>:<port>"; host may be an IPv6 literal (its colons are kept) or an
  * absolute unix-socket path (port then ignored). Connections are pooled and reused; a lost
- * connection is re-established once before a query fails; SELECTs may go to a slave, and a
- * slave that fails is avoided for the down time. Connect/read/write timeouts are bounded. */
+ * connection is re-established once before a query fails (not after a timeout: a stalled
+ * server would only make the caller wait twice); SELECTs may go to a slave, and a slave that
+ * fails is avoided for the down time. A master whose connection fails or times out is avoided
+ * for the master down time: sessions are refused and statements on the master fail at once
+ * meanwhile. Connect/read/write timeouts are bounded. */
 #ifndef ZARN_SQL_H
 #define ZARN_SQL_H
 
@@ -31,6 +34,17 @@ int fr_sqlpool_shard_add(fr_sql_shard_t *shard);
 void fr_sqlpool_down_time_set(int seconds);
 /* The down time in force. */
 int fr_sqlpool_down_time_get(void);
+/* Seconds a master is avoided after a connection-level failure (default 30; a negative value
+ * counts as 0). */
+void fr_sqlpool_master_down_time_set(int seconds);
+int fr_sqlpool_master_down_time_get(void);
+
+typedef enum { FR_SQL_TIMEOUT_CONNECT, FR_SQL_TIMEOUT_READ, FR_SQL_TIMEOUT_WRITE } fr_sql_timeout_t;
+/* Timeouts in seconds of connections opened from now on (defaults: connect 2, read 30, write
+ * 30). A value below 1 counts as 1: the client library would read 0 as "wait forever". */
+void fr_sqlpool_timeout_set(fr_sql_timeout_t which, int seconds);
+/* The timeout in force; -1 for an unknown which. */
+int fr_sqlpool_timeout_get(fr_sql_timeout_t which);
 /* Reads DB_MASTER / DB_SLAVE lines of path for every registered shard (shard NULL) or one.
  * 0 when every shard considered has a master; non-zero otherwise. */
 int fr_sql_shard_parse_connection_info(const char *path, const char *shard, int required);

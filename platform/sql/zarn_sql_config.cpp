@@ -12,6 +12,7 @@ namespace {
 // Matches the line buffer of the platform's other keyword-anywhere readers, so a file means
 // the same thing to every reader of it.
 constexpr size_t kLineBuffer = 256;
+constexpr int kMaxPort = 65535;
 
 }  // namespace
 
@@ -57,7 +58,10 @@ std::optional<HostSpec> parse_host_value(std::string_view value) {
         host = rest;
     } else {
         host = rest.substr(0, last);
-        host_spec.port = std::atoi(std::string(rest.substr(last + 1)).c_str());
+        // A typo in the port would otherwise send the pool to the library's default port.
+        const std::optional<int> port = parse_int(rest.substr(last + 1), 0, kMaxPort);
+        if (!port && (host.empty() || host.front() != '/')) return std::nullopt;
+        host_spec.port = port.value_or(0);
     }
     if (host.size() >= 2 && host.front() == '[' && host.back() == ']') {
         host = host.substr(1, host.size() - 2);
@@ -69,14 +73,40 @@ std::optional<HostSpec> parse_host_value(std::string_view value) {
     return host_spec;
 }
 
-void for_each_config_line(std::FILE *fp,
-                          const std::function<void(int, std::string_view)> &on_line) {
-    char buf[kLineBuffer];
+std::optional<int> parse_int(std::string_view text, int min, int max) {
+    text = trim(text);
+    const bool negative = !text.empty() && text.front() == '-';
+    if (!text.empty() && (text.front() == '-' || text.front() == '+')) text.remove_prefix(1);
+    if (text.empty()) return std::nullopt;
+    long long value = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return std::nullopt;
+        value = value * 10 + (c - '0');
+        if (value > 1LL << 32) return std::nullopt;
+    }
+    if (negative) value = -value;
+    if (value < min || value > max) return std::nullopt;
+    return static_cast<int>(value);
+}
+
+void for_each_config_line(std::FILE *fp, const std::function<void(const ConfigLine &)> &on_line) {
+    struct Buffer {
+        char *data = nullptr;
+        size_t capacity = 0;
+        ~Buffer() { std::free(data); }
+    } buf;
+    ssize_t got;
     int line_no = 0;
-    while (std::fgets(buf, sizeof buf, fp)) {
-        ++line_no;
-        if (char *hash = std::strchr(buf, '#')) *hash = '\0';
-        on_line(line_no, std::string_view(buf));
+    while ((got = getline(&buf.data, &buf.capacity, fp)) > 0) {
+        std::string_view line(buf.data, static_cast<size_t>(got));
+        ConfigLine out;
+        out.number = ++line_no;
+        out.text = line.substr(0, kLineBuffer - 1);
+        out.text = out.text.substr(0, out.text.find('#'));
+        if (line.back() == '\n') line.remove_suffix(1);
+        out.whole = line.substr(0, line.find('#'));
+        out.overlong = out.whole.size() > kLineBuffer - 1;
+        on_line(out);
     }
 }
 

@@ -1,5 +1,6 @@
 // Text formats the SQL pool reads: shard descriptions and the server lines of sqldbase.conf.
-// Internal to libzarn_sql (and its tests); C callers go through zarn_sql.h.
+// Internal to libzarn_sql, the pool set-up in main/sqlsession and tests; C callers go through
+// zarn_sql.h.
 #pragma once
 
 #include <cstdio>
@@ -22,7 +23,8 @@ std::optional<ShardInfo> parse_shard_info(std::string_view text);
 
 // "<shard>:<host>:<port>": the host is everything between the first and the last colon (IPv6
 // literals keep their colons; "[...]" brackets are dropped). A host starting with '/' is a unix
-// socket path; its port is ignored and may then be left out ("<shard>:/path").
+// socket path; its port is ignored and may then be left out ("<shard>:/path"). A network
+// host needs a decimal port of at most 65535.
 struct HostSpec {
     std::string shard;
     std::string host;
@@ -31,9 +33,21 @@ struct HostSpec {
 };
 std::optional<HostSpec> parse_host_value(std::string_view value);
 
-// Reads fp in pieces of at most 255 bytes (a longer line yields several pieces, each counted as
-// a line), cuts each piece at its first '#', and calls on_line(line_number, text) for the rest.
-void for_each_config_line(std::FILE *fp, const std::function<void(int, std::string_view)> &on_line);
+// One line of a configuration file as the platform's keyword-anywhere readers see it.
+struct ConfigLine {
+    int number = 0;
+    // At most the first 255 bytes (with the newline when it fits), cut at the first '#'.
+    std::string_view text;
+    // The whole line without its newline, cut at the first '#': where a directive that did
+    // not fit is searched, so that it can be reported.
+    std::string_view whole;
+    // Directive text was lost beyond the 255 bytes; it is never read as a line of its own.
+    bool overlong = false;
+};
+void for_each_config_line(std::FILE *fp, const std::function<void(const ConfigLine &)> &on_line);
+
+// The decimal integer that is the whole of text once trimmed, when it lies in [min, max].
+std::optional<int> parse_int(std::string_view text, int min, int max);
 
 // Strips isspace() bytes at both ends.
 std::string_view trim(std::string_view s);

@@ -1,6 +1,7 @@
 // The SQL pool on the sandbox MariaDB: set-up from real files, session reuse, recovery of lost
 // connections, unreachable servers and slave routing.
 #include <mysql.h>
+#include <signal.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -67,6 +68,30 @@ std::string connection_id(SessionHandle *sess) {
     return query_value(sess, "SELECT CONNECTION_ID()").value_or("failed");
 }
 
+// Stops the sandbox's server for its lifetime, the way a hung database looks to a client.
+class StoppedServer {
+  public:
+    StoppedServer()
+        : pid_(std::stoi(
+              qxtest::read_file(qxtest::root() + "/var/sandbox/mysqld.pid").value_or("0"))) {
+        if (pid_ <= 0 || kill(pid_, SIGSTOP) != 0) return;
+        // The signal reaches the server's threads asynchronously.
+        const std::string stat = "/proc/" + std::to_string(pid_) + "/stat";
+        for (int i = 0; i < 100; ++i) {
+            const std::string text = qxtest::read_file(stat).value_or("");
+            if (text.find(") T ") != std::string::npos) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    ~StoppedServer() {
+        if (pid_ > 0) kill(pid_, SIGCONT);
+    }
+    bool stopped() const { return pid_ > 0; }
+
+  private:
+    int pid_;
+};
+
 class SqlSessionTest : public ::testing::Test {
   protected:
     void TearDown() override { qx_sql_pool_destroy(); }
@@ -80,45 +105,149 @@ class SqlSessionTest : public ::testing::Test {
 };
 
 TEST_F(SqlSessionTest, SetUpFollowsTheConfigurationLines) {
+    struct Times {  // seconds; checked when the set-up succeeded
+        int slave = 30, master = 30, connect = 2, read = 30, write = 30;
+    };
     struct Row {
         const char *name;
         std::string creds;
         std::string servers;
         int status;
-        int down_time;  // checked when the set-up succeeded
-        bool session;   // whether a working session can be taken afterwards
+        Times times;
+        bool session;                  // whether a working session can be taken afterwards
+        const char *logged = nullptr;  // the complaint expected; none about lines otherwise
     };
     const std::string master = master_line();
+    const std::string overlong(300, 'x');
     const Row rows[] = {
-        {"valid", kCredentials, master, 0, 30, true},
+        {"valid", kCredentials, master, 0, {}, true},
         {"commented-out line ignored",
-         "#DB_CREDENTIALS main:quorvex:wrong:quorvex\n" + std::string(kCredentials), master, 0, 30,
+         "#DB_CREDENTIALS main:quorvex:wrong:quorvex\n" + std::string(kCredentials),
+         master,
+         0,
+         {},
          true},
-        {"no credentials still needs only a master", "# DB_CREDENTIALS main:broken\n", master, 0,
-         30, false},
+        {"no credentials still needs only a master",
+         "# DB_CREDENTIALS main:broken\n",
+         master,
+         0,
+         {},
+         false},
         {"hash after the value cuts it",
-         "DB_CREDENTIALS main:quorvex:sandbox:quorvex # pool user\n", master, 0, 30, true},
-        {"keyword anywhere in the line", "  MY_DB_CREDENTIALS main:quorvex:sandbox:quorvex\n",
-         master, 0, 30, true},
-        {"invalid credentials abort", "DB_CREDENTIALS main:quorvex\n" + std::string(kCredentials),
-         master, -1, 0, false},
-        {"second down time wins", kCredentials, "SLAVE_DOWN_TIME 5\nSLAVE_DOWN_TIME 7\n" + master,
-         0, 7, true},
-        {"non-numeric down time is 0", kCredentials, "SLAVE_DOWN_TIME soon\n" + master, 0, 0, true},
-        {"commented-out down time ignored", kCredentials, "#SLAVE_DOWN_TIME 5\n" + master, 0, 30,
+         "DB_CREDENTIALS main:quorvex:sandbox:quorvex # pool user\n",
+         master,
+         0,
+         {},
          true},
+        {"keyword anywhere in the line",
+         "  MY_DB_CREDENTIALS main:quorvex:sandbox:quorvex\n",
+         master,
+         0,
+         {},
+         true},
+        {"invalid credentials abort",
+         "DB_CREDENTIALS main:quorvex\n" + std::string(kCredentials),
+         master,
+         -1,
+         {},
+         false,
+         "Invalid DB_CREDENTIALS line [1] in <"},
+        // Read in pieces, the tail would be an invalid line of its own and abort the set-up.
+        {"credentials past the line buffer are no line of their own",
+         kCredentials + overlong + "DB_CREDENTIALS main:broken\n",
+         master,
+         0,
+         {},
+         true,
+         "DB_CREDENTIALS line [2] in <"},
+        {"second down time wins",
+         kCredentials,
+         "SLAVE_DOWN_TIME 5\nSLAVE_DOWN_TIME 7\n" + master,
+         0,
+         {.slave = 7},
+         true},
+        {"non-numeric down time is 0",
+         kCredentials,
+         "SLAVE_DOWN_TIME soon\n" + master,
+         0,
+         {.slave = 0},
+         true,
+         "Invalid SLAVE_DOWN_TIME line [1] in <"},
+        {"commented-out down time ignored",
+         kCredentials,
+         "#SLAVE_DOWN_TIME 5\n" + master,
+         0,
+         {},
+         true},
+        {"down time past the line buffer ignored",
+         kCredentials,
+         master + overlong + "SLAVE_DOWN_TIME 5\n",
+         0,
+         {},
+         true,
+         "SLAVE_DOWN_TIME line [2] in <"},
+        {"timeouts and master down time",
+         kCredentials,
+         "DB_CONNECT_TIMEOUT 3\nDB_READ_TIMEOUT 4 # s\nXDB_WRITE_TIMEOUT 5\nMASTER_DOWN_TIME 6\n" +
+             master,
+         0,
+         {.master = 6, .connect = 3, .read = 4, .write = 5},
+         true},
+        // 0 would let a stalled server block for ever.
+        {"zero timeout keeps the default",
+         kCredentials,
+         "DB_READ_TIMEOUT 0\n" + master,
+         0,
+         {},
+         true,
+         "Invalid DB_READ_TIMEOUT line [1] in <"},
+        {"malformed master down time keeps the default",
+         kCredentials,
+         "MASTER_DOWN_TIME 5s\n" + master,
+         0,
+         {},
+         true,
+         "Invalid MASTER_DOWN_TIME line [1] in <"},
+        {"malformed server line",
+         kCredentials,
+         "DB_SLAVE main:\n" + master,
+         0,
+         {},
+         true,
+         "Invalid SQL server line [1] in <"},
         // A keyword at the very end of the file leaves no value; the bytes of the longer line
         // before it must not be taken for one.
         {"bare credentials keyword at end of file",
-         "XXXXXXXXXXXXXXXmain:quorvex:sandbox:quorvex\nDB_CREDENTIALS", master, -1, 0, false},
-        {"bare down time keyword at end of file", kCredentials,
-         master + "XXXXXXXXXXXXXXXX42\nSLAVE_DOWN_TIME", 0, 0, true},
+         "XXXXXXXXXXXXXXXmain:quorvex:sandbox:quorvex\nDB_CREDENTIALS",
+         master,
+         -1,
+         {},
+         false,
+         "Invalid DB_CREDENTIALS line [2] in <"},
+        {"bare down time keyword at end of file",
+         kCredentials,
+         master + "XXXXXXXXXXXXXXXX42\nSLAVE_DOWN_TIME",
+         0,
+         {.slave = 0},
+         true,
+         "Invalid SLAVE_DOWN_TIME line [3] in <"},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
+        qxtest::LogCapture log;
         ASSERT_EQ(row.status, init(row.creds, row.servers));
         if (row.status == 0) {
-            EXPECT_EQ(row.down_time, fr_sqlpool_down_time_get());
+            const Times &t = row.times;
+            EXPECT_EQ(t.slave, fr_sqlpool_down_time_get());
+            EXPECT_EQ(t.master, fr_sqlpool_master_down_time_get());
+            EXPECT_EQ(t.connect, fr_sqlpool_timeout_get(FR_SQL_TIMEOUT_CONNECT));
+            EXPECT_EQ(t.read, fr_sqlpool_timeout_get(FR_SQL_TIMEOUT_READ));
+            EXPECT_EQ(t.write, fr_sqlpool_timeout_get(FR_SQL_TIMEOUT_WRITE));
+        }
+        if (row.logged) {
+            EXPECT_TRUE(log.contains(row.logged));
+        } else {
+            EXPECT_FALSE(log.contains("Invalid") || log.contains("longer than"));
         }
         SessionHandle *sess = sess_init();
         EXPECT_EQ(row.session, sess && query_value(sess, "SELECT 1") == "1");
@@ -167,6 +296,7 @@ TEST_F(SqlSessionTest, KilledConnectionIsRecoveredTransparently) {
     // Killed while the caller holds the session, and while the session sits in the pool.
     for (bool held : {true, false}) {
         SCOPED_TRACE(held ? "held" : "pooled");
+        qxtest::LogCapture log;
         SessionHandle *sess = sess_init();
         ASSERT_NE(nullptr, sess);
         const std::string before = connection_id(sess);
@@ -177,6 +307,7 @@ TEST_F(SqlSessionTest, KilledConnectionIsRecoveredTransparently) {
         const std::string after = connection_id(sess);
         EXPECT_NE("failed", after);
         EXPECT_NE(before, after);
+        EXPECT_FALSE(log.contains("is avoided"));  // a restart is no reason to avoid the master
         sess_destroy(sess);
     }
 }
@@ -208,6 +339,8 @@ TEST_F(SqlSessionTest, StatementErrorIsLeftToTheCaller) {
     ASSERT_NE(nullptr, sess);
     qxtest::LogCapture log;
     MYSQL_RES *result = reinterpret_cast<MYSQL_RES *>(1);
+    // Neither marks the master down: the server answered.
+    EXPECT_NE(0, fr_sql_conn_query(sess, 1, &result, "SELECT * FROM no_such_table"));
     EXPECT_NE(0, fr_sql_conn_query(sess, 1, &result, "SELEC %d", 1));
     EXPECT_EQ(nullptr, result);
     EXPECT_NE(std::string(), mysql_error(fr_sql_conn_get_mysql(sess)));
@@ -236,7 +369,41 @@ TEST_F(SqlSessionTest, UnreachableMasterFailsQuickly) {
         sess_destroy(sess);
         EXPECT_LT(elapsed, std::chrono::milliseconds(3500));
         EXPECT_TRUE(log.contains("Cannot connect to SQL master"));
+        // Marked down: the next session is refused without another attempt.
+        EXPECT_EQ(nullptr, sess_init());
+        EXPECT_EQ(1u, log.count("Cannot connect to SQL master"));
+        EXPECT_EQ(1u, log.count("is avoided for 30 s"));
     }
+}
+
+TEST_F(SqlSessionTest, StalledMasterIsAvoidedForTheDownTimeThenTriedAgain) {
+    ASSERT_EQ(
+        0, init(kCredentials,
+                "DB_READ_TIMEOUT 1\nDB_CONNECT_TIMEOUT 1\nMASTER_DOWN_TIME 2\n" + master_line()));
+    SessionHandle *held = sess_init();
+    sess_destroy(sess_init());  // an idle session in the pool
+    ASSERT_NE(nullptr, held);
+    qxtest::LogCapture log;
+    {
+        StoppedServer stopped;
+        ASSERT_TRUE(stopped.stopped());
+        EXPECT_EQ(std::nullopt, query_value(held, "SELECT 1"));
+        // Timed out once; no reconnect that would wait on the stalled server again.
+        EXPECT_EQ(1u, log.count("is avoided for 2 s after a timeout"));
+        EXPECT_EQ(0u, log.count("reconnecting"));
+        // Refused at once: neither the idle session nor a new connection is tried.
+        EXPECT_EQ(nullptr, sess_init());
+        EXPECT_EQ(std::nullopt, query_value(held, "SELECT 1"));
+        EXPECT_EQ(0u, log.count("Cannot connect"));
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    SessionHandle *sess = sess_init();
+    ASSERT_NE(nullptr, sess);
+    EXPECT_EQ("1", query_value(sess, "SELECT 1"));
+    EXPECT_EQ("1", query_value(held, "SELECT 1"));
+    EXPECT_EQ(1u, log.count("is avoided"));
+    sess_destroy(sess);
+    sess_destroy(held);
 }
 
 TEST_F(SqlSessionTest, DownSlaveIsAvoidedForTheDownTime) {

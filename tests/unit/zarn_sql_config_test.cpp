@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -58,6 +59,11 @@ TEST(SqlHostValue, HostIsEverythingBetweenShardAndPort) {
         {"main:/run/mysqld.sock:0", true, {"main", "/run/mysqld.sock", 0, true}},
         {"main:/run/mysqld.sock:3306", true, {"main", "/run/mysqld.sock", 0, true}},
         {"main:/run/mysqld.sock", true, {"main", "/run/mysqld.sock", 0, true}},
+        {"main:/run/mysqld.sock:x", true, {"main", "/run/mysqld.sock", 0, true}},
+        {"main:db1:65535", true, {"main", "db1", 65535, false}},
+        {"main:db1:65536", false, {}},  // beyond the port range
+        {"main:db1:33o6", false, {}},   // would silently become the default port
+        {"main:db1:", false, {}},
         {"X main:h:1", true, {"X main", "h", 1, false}},
         {"main:dbhost", false, {}},
         {"main::3306", false, {}},
@@ -76,16 +82,24 @@ TEST(SqlHostValue, HostIsEverythingBetweenShardAndPort) {
     }
 }
 
-TEST(SqlConfigLines, LongLinesArriveInNumberedPiecesCutAtTheComment) {
-    const std::string text = std::string(300, 'a') + "\nDB_MASTER main:h:1 # note\n";
+TEST(SqlConfigLines, OverlongLineStaysOneLineCutAtTheBufferAndIsFlagged) {
+    const std::string a255(255, 'a');
+    const std::string text = std::string(300, 'a') + "\n" +  // its tail is no line of its own
+                             a255 + "\n" +                   // fills the buffer, loses nothing
+                             std::string(100, 'a') + "#" + a255 + "\n" +  // excess is a comment
+                             "DB_MASTER main:h:1 # note\n";
     std::FILE *fp = fmemopen(const_cast<char *>(text.data()), text.size(), "r");
     ASSERT_NE(nullptr, fp);
-    std::vector<std::pair<int, std::string>> seen;
-    qx::sql::for_each_config_line(
-        fp, [&](int n, std::string_view line) { seen.emplace_back(n, std::string(line)); });
+    std::vector<std::tuple<int, std::string, bool>> seen;
+    qx::sql::for_each_config_line(fp, [&](const qx::sql::ConfigLine &line) {
+        seen.emplace_back(line.number, std::string(line.text), line.overlong);
+    });
     std::fclose(fp);
-    const std::vector<std::pair<int, std::string>> expected = {
-        {1, std::string(255, 'a')}, {2, std::string(45, 'a') + "\n"}, {3, "DB_MASTER main:h:1 "}};
+    const std::vector<std::tuple<int, std::string, bool>> expected = {
+        {1, a255, true},
+        {2, a255, false},
+        {3, std::string(100, 'a'), false},
+        {4, "DB_MASTER main:h:1 ", false}};
     EXPECT_EQ(expected, seen);
 }
 
@@ -109,7 +123,7 @@ TEST_F(SqlServerList, EveryConsideredShardNeedsAMaster) {
     struct Row {
         const char *name;
         std::vector<const char *> shards;
-        const char *servers;
+        std::string servers;
         const char *shard;  // NULL: every registered shard
         int required;
         int expected;
@@ -136,6 +150,12 @@ TEST_F(SqlServerList, EveryConsideredShardNeedsAMaster) {
         {"invalid line skipped", {"main"}, "DB_MASTER main:h\nDB_MASTER main:h:1\n", nullptr, 1, 0},
         {"no shard yet, some master", {}, "DB_MASTER x:h:1\n", nullptr, 1, 0},
         {"no shard yet, no master", {}, "DB_SLAVE x:h:1\n", nullptr, 1, -1},
+        {"master past the line buffer not read",
+         {"main"},
+         std::string(260, 'x') + " DB_MASTER main:h:1\n",
+         nullptr,
+         1,
+         -1},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
@@ -158,9 +178,11 @@ TEST_F(SqlServerList, ProblemsAreLoggedAndNoSessionIsInvented) {
     EXPECT_EQ(nullptr, fr_sql_shard_parse_info("main:secret"));
     EXPECT_FALSE(log.contains("secret"));
 
-    std::ofstream(path_, std::ios::trunc) << "DB_SLAVE main:h\n";
+    std::ofstream(path_, std::ios::trunc) << "DB_SLAVE main:h\n"
+                                          << std::string(300, 'x') << "DB_MASTER main:h:1\n";
     EXPECT_NE(0, fr_sql_shard_parse_connection_info(path_.c_str(), nullptr, 1));
-    EXPECT_TRUE(log.contains("Invalid SQL server line [1] in <" + path_ + ">"));
+    EXPECT_TRUE(log.contains("Invalid SQL server line [1] in <" + path_ + "> (DB_SLAVE)"));
+    EXPECT_TRUE(log.contains("DB_MASTER line [2] in <" + path_ + "> is longer than 255 bytes"));
     EXPECT_EQ(nullptr, fr_sqlpool_conn_get(0));  // no master
     EXPECT_EQ(nullptr, fr_sqlpool_conn_get(1));  // no such shard
     EXPECT_NE(0, fr_sql_shard_parse_connection_info((path_ + ".absent").c_str(), nullptr, 1));
