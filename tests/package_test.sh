@@ -17,6 +17,7 @@ for p in lintian man-db systemd bash-completion binutils; do
     dpkg -s "$p" >/dev/null 2>&1 || need+=("$p")
 done
 if [ ${#need[@]} -gt 0 ]; then
+    qx_as_root apt-get update -qq
     qx_as_root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq \
         --no-install-recommends "${need[@]}" >/dev/null
 fi
@@ -73,6 +74,7 @@ fi
 missing=$(comm -13 "$tmp/exported" "$tmp/listed") extra=$(comm -23 "$tmp/exported" "$tmp/listed")
 [ -z "$missing" ] || echo "in debian/libquorvex1.symbols, not exported:" $missing
 [ -z "$extra" ] || echo "exported, not in debian/libquorvex1.symbols:" $extra
+[ -z "$missing$extra" ] || echo "(a new public function: add \" name@Base <version>\" to debian/libquorvex1.symbols)"
 check "exported symbols equal debian/libquorvex1.symbols" test -z "$missing$extra"
 
 echo "== build against the installed library"
