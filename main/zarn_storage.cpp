@@ -4,9 +4,11 @@
 //
 // Threads: the configuration (and the registered service table and node id) is one
 // process-wide value behind a reader-writer lock; a session copies what it needs when it is
-// made, so a reload never changes a session under way. A session is shared with the
-// service's completion thread: its status changes only under its own mutex, with a signal, and
-// whichever release drops the reference count below 1 destroys it.
+// made, so a reload never changes a session under way. The process-wide cache handle has a
+// lock of its own: queue writes use it shared, a re-initialisation replaces it exclusively. A
+// session is shared with the service's completion thread: its status and final path change
+// only under its own mutex (the status with a signal), and whichever release drops the
+// reference count below 1 destroys it.
 #include "zarn_storage.h"
 
 #include <fcntl.h>
@@ -16,6 +18,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <condition_variable>
 #include <cstdlib>
 #include <cstring>
@@ -27,6 +30,7 @@
 #include <shared_mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "cxx_util.hpp"
 #include "qx_paths.h"
@@ -80,6 +84,13 @@ constexpr char kMsgUpQueueErr[] = "%s:%d:cache_zaddval(storage:upqueue:%s:%s, %s
 constexpr char kMsgDelQueueOk[] = "%s:%d:cache_zaddval(storage:delqueue:%s:%s, %s): success\n\n";
 constexpr char kMsgDelQueueErr[] = "%s:%d:cache_zaddval(storage:delqueue:%s:%s, %s): error %s\n\n";
 constexpr char kMsgMemberAlloc[] = "Failed to allocate memory for member_key\n\n";
+constexpr char kMsgBadSetting[] = "Invalid %s value [%.64s] in <%s>: %s.\n\n";
+constexpr char kMsgConfUnreadable[] = "Cannot read <%s>: %s.\n\n";
+constexpr char kWhyUnknownSystem[] = "not s3 or posix, using posix";
+constexpr char kWhyNotNumber[] = "not a whole number, keeping the default";
+constexpr char kWhyEmpty[] = "empty, keeping the default";
+constexpr char kWhyTooLong[] = "longer than 4095 characters";
+constexpr char kWhyNotSwitch[] = "not yes or no, taking yes";
 
 // ---- statements, keys, formats ------------------------------------------------------------
 constexpr char kSqlRecordLocation[] =
@@ -149,6 +160,11 @@ std::shared_mutex g_lock;
 Config g_config;
 std::optional<qx_storage_api> g_api;
 qx::CStr g_node_id;
+
+// Guards the process-wide cache handle (*ast_cache_handle()) against its replacement by a
+// re-initialisation: queue writes hold it shared for the whole call, the replacement exclusively.
+// A separate lock, so that a slow DisDB never holds up a session start.
+std::shared_mutex g_client_lock;
 
 struct Snapshot {
     Config config;
@@ -277,8 +293,20 @@ bool copy_file(const std::string &from, const std::string &to) {
 // diagnostics. True when the write was accepted.
 bool queue_member(const char *key_fmt, const char *ok_msg, const char *err_msg,
                   const std::string &member, int line, const char *func) {
-    const int rc =
-        cache_zaddval(0, qx_get_tstamp(), member.c_str(), key_fmt, kEngineWordS3, kShard);
+    const auto zadd = [&] {
+        return cache_zaddval(0, qx_get_tstamp(), member.c_str(), key_fmt, kEngineWordS3, kShard);
+    };
+    std::optional<int> done;
+    {
+        std::shared_lock lock(g_client_lock);
+        if (*ast_cache_handle()) done = zadd();
+    }
+    // Without a client the call creates one, which must not happen on two threads at once.
+    if (!done) {
+        std::unique_lock lock(g_client_lock);
+        done = zadd();
+    }
+    const int rc = *done;
     if (kDebug <= fr_log_threshold) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
@@ -355,6 +383,12 @@ struct SessionDeleter {
 };
 using SessionOwner = std::unique_ptr<qx_storage_session, SessionDeleter>;
 
+// The final path is read by other threads (qx_storage_get_file_path) while a commit sets it.
+void set_final_path(qx_storage_session *s, std::string path) {
+    std::lock_guard lock(s->mutex);
+    s->final_path = std::move(path);
+}
+
 void set_status(qx_storage_session *s, int status) {
     {
         std::lock_guard lock(s->mutex);
@@ -398,13 +432,13 @@ bool create_temp_file(qx_storage_session *s, const std::string &folder) {
     return false;
 }
 
-void record_location(qx_storage_session *s) {
+void record_location(qx_storage_session *s, const std::string &final_path) {
     const char *table = type_table(s->type);
     if (!table) return;  // files of other types have no database row
     const bool s3 = s->engine == QX_STORAGE_ENGINE_S3;
     qx::SessionGuard sess;
     if (!sess) {
-        ST_LOG(kError, kMsgDbUpdateFailed, s3 ? s->stored_name.c_str() : s->final_path.c_str());
+        ST_LOG(kError, kMsgDbUpdateFailed, s3 ? s->stored_name.c_str() : final_path.c_str());
         return;
     }
     MYSQL_RES *raw = nullptr;
@@ -418,43 +452,45 @@ void record_location(qx_storage_session *s) {
 
 int commit_posix(qx_storage_session *s) {
     const std::string &f = s->folder;
+    std::string path;
     if (!s->requested_name)
-        s->final_path = qx::format(kPosixDefaultName, f.c_str(), s->first_id, s->second_id,
-                                   s->file_id, s->extension.c_str());
+        path = qx::format(kPosixDefaultName, f.c_str(), s->first_id, s->second_id, s->file_id,
+                          s->extension.c_str());
     else if (!s->requested_name->empty() && (*s->requested_name)[0] == '/')
-        s->final_path = *s->requested_name;
+        path = *s->requested_name;
     else
-        s->final_path = qx::format(kJoin, f.c_str(), s->requested_name->c_str());
+        path = qx::format(kJoin, f.c_str(), s->requested_name->c_str());
+    set_final_path(s, path);
 
-    if (!make_dirs(parent_dir(s->final_path))) {
-        ST_LOG(kError, kMsgStoreFailed, s->final_path.c_str(), std::strerror(errno));
+    if (!make_dirs(parent_dir(path))) {
+        ST_LOG(kError, kMsgStoreFailed, path.c_str(), std::strerror(errno));
         return -1;
     }
-    if (::rename(s->temp_path.c_str(), s->final_path.c_str()) == 0) {
+    if (::rename(s->temp_path.c_str(), path.c_str()) == 0) {
         s->temp_consumed = true;
-    } else if (errno == EXDEV && copy_file(s->temp_path, s->final_path)) {
+    } else if (errno == EXDEV && copy_file(s->temp_path, path)) {
         // A name on another file system cannot be renamed to; the copy stands in.
     } else {
-        ST_LOG(kError, kMsgStoreFailed, s->final_path.c_str(), std::strerror(errno));
+        ST_LOG(kError, kMsgStoreFailed, path.c_str(), std::strerror(errno));
         return -1;
     }
-    ::chmod(s->final_path.c_str(), kMode);
+    ::chmod(path.c_str(), kMode);
 
-    if (s->final_path.size() > f.size() &&
-        strncasecmp(s->final_path.c_str(), f.c_str(), f.size()) == 0)
-        s->stored_name = s->final_path.substr(f.size() + 1);
+    if (path.size() > f.size() && strncasecmp(path.c_str(), f.c_str(), f.size()) == 0)
+        s->stored_name = path.substr(f.size() + 1);
     else
-        s->stored_name = s->final_path;
-    record_location(s);
+        s->stored_name = path;
+    record_location(s, path);
     return 0;
 }
 
 int commit_s3(qx_storage_session *s) {
     s->stored_name = qx::format(kObjectKey, type_word(s->type), s->first_id, s->second_id,
                                 s->file_id, s->extension.c_str());
-    s->final_path = cache_path(s->config, s->stored_name);
-    if (!copy_file(s->temp_path, s->final_path)) {
-        ST_LOG(kError, kMsgStoreFailed, s->final_path.c_str(), std::strerror(errno));
+    const std::string path = cache_path(s->config, s->stored_name);
+    set_final_path(s, path);
+    if (!copy_file(s->temp_path, path)) {
+        ST_LOG(kError, kMsgStoreFailed, path.c_str(), std::strerror(errno));
         return -1;
     }
     std::string member;
@@ -469,7 +505,7 @@ int commit_s3(qx_storage_session *s) {
         ST_LOG(kError, kMsgQueueFailed, s->stored_name.c_str());
         return -1;
     }
-    record_location(s);
+    record_location(s, path);
     return 0;
 }
 
@@ -565,33 +601,90 @@ bool is_off(const char *value) {
                      strcasecmp(value, "false") == 0 || std::strcmp(value, "0") == 0);
 }
 
-// Reads storage.conf over the defaults. False when a setting cannot be used.
+bool is_on(const char *value) {
+    return value && (strcasecmp(value, "yes") == 0 || strcasecmp(value, "on") == 0 ||
+                     strcasecmp(value, "true") == 0 || std::strcmp(value, "1") == 0);
+}
+
+// A whole decimal number that fits an int, the numbers the configuration reader accepts.
+std::optional<int> to_int(const char *text) {
+    errno = 0;
+    char *end = nullptr;
+    const long v = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || v < INT_MIN || v > INT_MAX)
+        return std::nullopt;
+    return static_cast<int>(v);
+}
+
+void report_setting(const char *directive, const char *value, const char *why) {
+    ST_LOG(kError, kMsgBadSetting, directive, value, QX_STORAGE_CONF, why);
+}
+
+// Reads storage.conf over the defaults; a value that cannot be used is reported and the
+// default stays. False when a setting makes the configuration unusable.
 bool read_config(Config *c) {
     char *system = nullptr, *in = nullptr, *out = nullptr, *cache = nullptr, *disdb = nullptr;
+    char *cache_expire = nullptr, *trash_expire = nullptr, *upload_interval = nullptr;
+    // Numbers are read as text so that a malformed one is reported, not skipped.
     const fr_conf_entry table[] = {
         {kConfSystem, FR_CONF_STRING, &system},
         {kConfTransferIn, FR_CONF_STRING, &in},
         {kConfTransferOut, FR_CONF_STRING, &out},
         {kConfCache, FR_CONF_STRING, &cache},
-        {kConfCacheExpire, FR_CONF_INT, &c->cache_expire},
-        {kConfTrashExpire, FR_CONF_INT, &c->trash_expire},
-        {kConfUploadInterval, FR_CONF_INT, &c->upload_interval},
+        {kConfCacheExpire, FR_CONF_STRING, &cache_expire},
+        {kConfTrashExpire, FR_CONF_STRING, &trash_expire},
+        {kConfUploadInterval, FR_CONF_STRING, &upload_interval},
         {kConfDisdb, FR_CONF_STRING, &disdb},
     };
-    // A node without storage.conf runs on the defaults.
-    parseconfig(QX_STORAGE_CONF, table, sizeof table / sizeof table[0]);
+    // A node without storage.conf runs on the defaults; one that cannot read its file is told.
+    if (parseconfig(QX_STORAGE_CONF, table, sizeof table / sizeof table[0]) < 0 && errno != ENOENT)
+        ST_LOG(kError, kMsgConfUnreadable, QX_STORAGE_CONF, std::strerror(errno));
     qx::CStr own_system(system), own_in(in), own_out(out), own_cache(cache), own_disdb(disdb);
+    qx::CStr own_cache_expire(cache_expire), own_trash_expire(trash_expire),
+        own_upload_interval(upload_interval);
 
     c->engine = system && std::strcmp(system, kEngineWordS3) == 0 ? QX_STORAGE_ENGINE_S3
                                                                   : QX_STORAGE_ENGINE_POSIX;
-    if (in && *in) c->transfer_in = in;
-    if (out && *out) c->transfer_out = out;
-    if (cache && *cache) c->cache = cache;
+    if (system && c->engine == QX_STORAGE_ENGINE_POSIX && std::strcmp(system, kEngineWordPosix))
+        report_setting(kConfSystem, system, kWhyUnknownSystem);
+
+    bool usable = true;
+    const std::pair<const char *, const char *> dir_names[] = {
+        {kConfTransferIn, in}, {kConfTransferOut, out}, {kConfCache, cache}};
+    std::string *const dirs[] = {&c->transfer_in, &c->transfer_out, &c->cache};
+    for (size_t i = 0; i < std::size(dirs); ++i) {
+        const auto [name, value] = dir_names[i];
+        if (!value) continue;
+        if (!*value) {
+            report_setting(name, value, kWhyEmpty);
+        } else if (std::strlen(value) > kMaxDirPath) {
+            report_setting(name, value, kWhyTooLong);
+            usable = false;
+        } else {
+            *dirs[i] = value;
+        }
+    }
+
+    const std::pair<const char *, const char *> int_names[] = {
+        {kConfCacheExpire, cache_expire},
+        {kConfTrashExpire, trash_expire},
+        {kConfUploadInterval, upload_interval}};
+    int *const ints[] = {&c->cache_expire, &c->trash_expire, &c->upload_interval};
+    for (size_t i = 0; i < std::size(ints); ++i) {
+        const auto [name, value] = int_names[i];
+        if (!value) continue;
+        if (auto n = to_int(value))
+            *ints[i] = *n;
+        else
+            report_setting(name, value, kWhyNotNumber);
+    }
+
     c->disdb = !is_off(disdb);
-    for (const std::string *dir :
-         {&c->transfer_in, &c->transfer_out, &c->cache, &c->base_dir, &c->monitor_dir})
+    if (disdb && c->disdb && !is_on(disdb)) report_setting(kConfDisdb, disdb, kWhyNotSwitch);
+
+    for (const std::string *dir : {&c->base_dir, &c->monitor_dir})
         if (dir->size() > kMaxDirPath) return false;
-    return true;
+    return usable;
 }
 
 // Clients replaced by a re-initialisation stay alive (and reachable) for the rest of the process:
@@ -653,13 +746,14 @@ int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
     // one is never freed, and nobody sees a missing or half-configured handle.
     vk_client_t *fresh = nullptr;
     const int rc = ast_vk_init(&fresh);
-    vk_client_t **handle = ast_cache_handle();
-    ast_cache_wrlock();
     if (fresh) {
+        std::unique_lock lock(g_client_lock);
+        vk_client_t **handle = ast_cache_handle();
+        ast_cache_wrlock();
         if (*handle) retire_cache_client(*handle);
         *handle = fresh;
+        ast_cache_unlock();
     }
-    ast_cache_unlock();
     if (rc != 0) {
         ST_LOG(kError, kMsgDisdbInit);
         return -1;

@@ -55,8 +55,10 @@ typedef struct qx_storage_api {
 int qx_storage_initialize(const char *base_dir, const char *monitor_dir);
 /* Frees the node id. */
 void qx_storage_cleanup(void);
-/* Re-reads storage.conf into the process-wide configuration. 0, or -1 (bad arguments, or a
- * directory path longer than 4095 characters); the previous configuration then stays. */
+/* Re-reads storage.conf into the process-wide configuration. A value that cannot be used is
+ * logged at error priority with the file and directive, and its default stays. 0, or -1 (bad
+ * arguments, or a directory path longer than 4095 characters); the previous configuration then
+ * stays. */
 int qx_storage_load_config(const char *base_dir, const char *monitor_dir);
 /* The integer settings carried for the transfer service; each pointer may be NULL. */
 void qx_storage_get_intervals(int *cache_expire, int *trash_expire, int *upload_interval);

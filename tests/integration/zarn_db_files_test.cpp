@@ -27,7 +27,10 @@ class DbFiles : public ::testing::Test {
         ASSERT_GT(ext_, 0);
         ASSERT_GT(ext2_, 0);
     }
-    void TearDown() override { qx_release_db_files(&list_); }
+    void TearDown() override {
+        qx_release_db_files(&list_);
+        qxtest::clear_ids(ids_);
+    }
 
     // Inserts one row and returns its id.
     unsigned long long insert(const std::string &table, const std::string &columns,

@@ -85,6 +85,11 @@ class Extensions : public ::testing::Test {
         qxtest::add_extension(user(), "102", full2());
         ext3_ = qxtest::add_extension(user2(), "201", full3());
     }
+    void TearDown() override {
+        const std::string b = std::to_string(b_);  // the codecs test's own, linked or not
+        qxtest::sql("DELETE FROM codec WHERE uname IN ('a" + b + "','b" + b + "','c" + b + "')");
+        qxtest::clear_ids(b_);
+    }
 
     int client() const { return b_ + 1; }
     int user() const { return b_ + 2; }

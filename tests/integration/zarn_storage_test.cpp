@@ -12,8 +12,10 @@
 #include <fstream>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "qx_paths.h"
@@ -129,6 +131,7 @@ class Storage : public ::testing::Test {
 
     void SetUp() override {
         ids_ = qxtest::fresh_ids();
+        ext_ = qxtest::add_extension(ids_, "100", std::to_string(ids_) + "*100");
         base_ = qxtest::path("/var/tmp/storage-test/") + std::to_string(ids_);
         fs::create_directories(base_);
         g_service = &service_;
@@ -139,7 +142,17 @@ class Storage : public ::testing::Test {
         qx_storage_unregister_api();
         qx_storage_cleanup();
         g_service = nullptr;
+        qxtest::clear_ids(ids_);  // the extension and its file rows
+        // Queue members and cached objects all carry the owner ids.
+        const std::string mine = "/" + std::to_string(ids_) + "/";
+        for (const std::string &queue : {kUpQueue, kDelQueue}) {
+            std::stringstream members(qxtest::redis({"ZRANGE", queue, "0", "-1"}));
+            for (std::string m; std::getline(members, m);)
+                if (m.find(mine) != std::string::npos) qxtest::redis({"ZREM", queue, m});
+        }
         std::error_code ec;
+        for (const char *word : {"rc", "vm", "fx"})
+            fs::remove_all(cache_file(word + mine), ec);
         fs::remove_all(base_, ec);
     }
 
@@ -150,10 +163,10 @@ class Storage : public ::testing::Test {
 
     // A row of the type's table; its id is the file id of a commit.
     int add_row(const std::string &table) {
-        qxtest::sql("INSERT INTO " + table + " (extension_id) VALUES (" + std::to_string(ids_) +
+        qxtest::sql("INSERT INTO " + table + " (extension_id) VALUES (" + std::to_string(ext_) +
                     ")");
         return static_cast<int>(qxtest::sql_int("SELECT MAX(id) FROM " + table +
-                                                " WHERE extension_id=" + std::to_string(ids_)));
+                                                " WHERE extension_id=" + std::to_string(ext_)));
     }
     qxtest::Row row(const std::string &table, const std::string &name_col, int id) {
         auto rows = qxtest::sql_rows("SELECT " + name_col + ", se, az FROM " + table +
@@ -174,6 +187,7 @@ class Storage : public ::testing::Test {
     }
 
     int ids_ = 0;
+    int ext_ = 0;
     std::string base_;
     FakeService service_;
 };
@@ -438,8 +452,6 @@ TEST_F(Storage, S3CommitCachesTheFileAndQueuesOneUpload) {
     EXPECT_EQ(opt(r[0]), key);
     EXPECT_EQ(opt(r[1]), "s3");
     EXPECT_EQ(opt(r[2]), service_.location);
-    qxtest::redis({"ZREM", kUpQueue, member});
-    fs::remove(cache_file(key));
 }
 
 TEST_F(Storage, S3RetrievalFromTheCacheNeedsNoService) {
@@ -452,7 +464,6 @@ TEST_F(Storage, S3RetrievalFromTheCacheNeedsNoService) {
     EXPECT_EQ(qx_storage_get_file_path(s), cache_file(key));
     EXPECT_EQ(service_.downloads.size(), 0u);
     qx_storage_release_session(s);
-    fs::remove(cache_file(key));
 }
 
 TEST_F(Storage, DownloadCompletedOnAnotherThreadWakesTheWaiter) {
@@ -500,7 +511,6 @@ TEST_F(Storage, DownloadCompletedOnAnotherThreadWakesTheWaiter) {
         }
         qx_storage_release_session(s);
         EXPECT_EQ(service_.releases, released + (c.refuse ? 0 : 1));
-        fs::remove(cache_file(key));
     }
     service_.refuse = false;
 }
@@ -553,7 +563,6 @@ TEST_F(Storage, S3DeletionQueuesMembers) {
     for (const char *word : {"vm", "fx", "rc"}) {
         const std::string member = service_.location + ":r:" + word + "/" + ids;
         EXPECT_NE(qxtest::redis({"ZSCORE", kDelQueue, member}), "(nil)") << member;
-        qxtest::redis({"ZREM", kDelQueue, member});
     }
     std::vector<std::string> kinds;
     for (const auto &line : log.lines())
@@ -565,8 +574,6 @@ TEST_F(Storage, S3DeletionQueuesMembers) {
         std::lock_guard lock(service_.mutex);
         EXPECT_EQ(service_.location_args.back(), "sandbox-node|owner|reseller|arg");
     }
-    qxtest::redis({"ZREM", kDelQueue, service_.location + ":o:" + key});
-    qxtest::redis({"ZREM", kUpQueue, service_.location + ":" + key});
 
     service_.location.clear();  // the service cannot tell its location
     errno = 0;
@@ -574,31 +581,99 @@ TEST_F(Storage, S3DeletionQueuesMembers) {
     EXPECT_EQ(errno, ENOBUFS);
 }
 
-TEST_F(Storage, LoadsSettingsWithDefaults) {
-    int cache = 0, trash = 0, upload = 0;
-    {
-        StorageConf conf("STORAGE_SYSTEM s3\nSTORAGE_CACHE_EXPIRE 7\n");
-        ASSERT_EQ(qx_storage_load_config(base_.c_str(), nullptr), 0);
-    }
-    qx_storage_get_intervals(&cache, &trash, &upload);
-    EXPECT_EQ(cache, 7);
-    EXPECT_EQ(trash, 1);
-    EXPECT_EQ(upload, 120);
-    // An S3 node with a usable service stages uploads in the default transfer-out folder.
-    qx_storage_session *s = qx_storage_session_create(1, 1, 2, "wav");
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(fs::path(qx_storage_get_temp_file(s)).parent_path(),
-              fs::path(QX_STORAGE_TRANSFEROUT_DIR "/main"));
-    qx_storage_release_session(s);
-
-    {
-        StorageConf conf("STORAGE_CACHE_D /" + std::string(5000, 'x') + "\n");
-        EXPECT_EQ(qx_storage_load_config(base_.c_str(), nullptr), -1);
+TEST_F(Storage, LoadsSettingsAndReportsValuesItCannotUse) {
+    const std::string too_long = "/" + std::string(5000, 'x');
+    struct Case {
+        std::string conf;
+        const char *bad;  // the directive reported, nullptr for none
+        int rc, cache, trash, upload;
+        bool s3;  // sessions stage their files for the object store
+    };
+    const Case cases[] = {
+        {"STORAGE_SYSTEM s3\nSTORAGE_CACHE_EXPIRE 7\n", nullptr, 0, 7, 1, 120, true},
+        {conf_text("s3") + "STORAGE_TRASH_EXPIRE -2\nSTORAGE_DISDB yes\n", nullptr, 0, 7, -2, 30,
+         true},
+        {"STORAGE_SYSTEM S3\n", "STORAGE_SYSTEM", 0, 48, 1, 120, false},  // the word is lower case
+        {"STORAGE_SYSTEM ftp\n", "STORAGE_SYSTEM", 0, 48, 1, 120, false},
+        {"STORAGE_CACHE_EXPIRE 7x\nS3_UPL_INTERVAL 9\n", "STORAGE_CACHE_EXPIRE", 0, 48, 1, 9,
+         false},
+        {"STORAGE_TRASH_EXPIRE two\n", "STORAGE_TRASH_EXPIRE", 0, 48, 1, 120, false},
+        {"S3_UPL_INTERVAL 99999999999\n", "S3_UPL_INTERVAL", 0, 48, 1, 120, false},
+        {"STORAGE_SYSTEM s3\nSTORAGE_TRANSFEROUT_D \"\"\n", "STORAGE_TRANSFEROUT_D", 0, 48, 1, 120,
+         true},
+        {"STORAGE_DISDB maybe\n", "STORAGE_DISDB", 0, 48, 1, 120, false},
+        // An unusable path fails the load, and the configuration in force stays.
+        {"STORAGE_CACHE_EXPIRE 5\nSTORAGE_CACHE_D " + too_long + "\n", "STORAGE_CACHE_D", -1, 48, 1,
+         120, false},
+        {"STORAGE_TRANSFERIN_D " + too_long + "\n", "STORAGE_TRANSFERIN_D", -1, 48, 1, 120, false},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.conf.substr(0, 60));
+        qxtest::LogCapture log;
+        {
+            StorageConf conf(c.conf);
+            EXPECT_EQ(qx_storage_load_config(base_.c_str(), nullptr), c.rc);
+        }
+        const std::string named = std::string("Invalid ") + (c.bad ? c.bad : "");
+        EXPECT_EQ(log.contains_at(3, named), c.bad != nullptr);
+        EXPECT_EQ(log.contains(std::string("in <") + QX_STORAGE_CONF + ">: "), c.bad != nullptr);
+        int cache = 0, trash = 0, upload = 0;
+        qx_storage_get_intervals(&cache, &trash, &upload);
+        EXPECT_EQ(std::make_tuple(cache, trash, upload),
+                  std::make_tuple(c.cache, c.trash, c.upload));
+        // The default transfer-out folder stays when the configured one is unusable.
+        qx_storage_session *s = qx_storage_session_create(1, 1, 2, "wav");
+        ASSERT_NE(s, nullptr);
+        EXPECT_EQ(fs::path(qx_storage_get_temp_file(s)).parent_path(),
+                  fs::path(c.s3 ? QX_STORAGE_TRANSFEROUT_DIR "/main" : base_ + "/monitor/tmp"));
+        qx_storage_release_session(s);
     }
     EXPECT_EQ(qx_storage_load_config(nullptr, nullptr), -1);
-    // A failed load keeps the configuration in force.
-    qx_storage_get_intervals(&cache, nullptr, nullptr);
-    EXPECT_EQ(cache, 7);
+}
+
+// Sessions made, committed, read and released on several threads while the module is
+// initialised again and again (the DisDB client replaced each time) and the engine flips
+// between POSIX and S3: the ThreadSanitizer build runs this for data races.
+TEST_F(Storage, SessionsRunWhileTheModuleIsReinitialised) {
+    StorageConf conf(conf_text("s3"));
+    constexpr int kThreads = 4, kFiles = 6;
+    std::vector<int> ids;
+    for (int i = 0; i < kThreads * kFiles; ++i)
+        ids.push_back(add_row("extension_recording"));
+    std::atomic<int> workers_left{kThreads}, inits{0};
+    std::thread initialiser([&] {
+        while (workers_left > 0 || inits == 0) {
+            service_.usable = !service_.usable;
+            EXPECT_EQ(qx_storage_initialize(base_.c_str(), nullptr), 0);
+            ++inits;
+        }
+    });
+    std::vector<std::thread> workers;
+    for (int t = 0; t < kThreads; ++t)
+        workers.emplace_back([&, t] {
+            for (int f = 0; f < kFiles; ++f) {
+                const std::string id = std::to_string(ids[t * kFiles + f]);
+                qx_storage_session *s = qx_storage_session_create(1, ids_, ids_ + 1, "wav");
+                ASSERT_NE(s, nullptr);
+                put(qx_storage_get_temp_file(s), id);
+                qx_storage_ref_session(s);
+                std::thread reader([s] {  // reads the path while the commit sets it
+                    while (qx_storage_get_session_status(s) == 1)
+                        (void)qx_storage_get_file_path(s);
+                    qx_storage_release_session(s);
+                });
+                EXPECT_EQ(qx_storage_commit_file(s, std::stoi(id)), 0);
+                reader.join();
+                const char *path = qx_storage_get_file_path(s);
+                EXPECT_TRUE(path && content_of(path) == id) << (path ? path : "(no path)");
+                qx_storage_release_session(s);
+            }
+            --workers_left;
+        });
+    for (auto &w : workers)
+        w.join();
+    initialiser.join();
+    EXPECT_GT(inits, 0);
 }
 
 }  // namespace

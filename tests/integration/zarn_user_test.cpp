@@ -59,6 +59,7 @@ class Accounts : public ::testing::Test {
         qxtest::add_account(client(), b_, 50);
         qxtest::add_account(user(), client(), 100);
     }
+    void TearDown() override { qxtest::clear_ids(b_); }
     // A user account for one table row: ids b_+3 .. b_+8.
     int row_account(int row) const {
         qxtest::add_account(b_ + 3 + row, client(), 100);

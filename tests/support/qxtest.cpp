@@ -43,7 +43,9 @@ std::string sql_escape(const std::string &s) {
     return out;
 }
 
-std::string quoted(const std::string &s) { return "'" + sql_escape(s) + "'"; }
+std::string quoted(const std::string &s) {
+    return "'" + sql_escape(s) + "'";
+}
 
 MYSQL *admin_connection() {
     if (g_mysql) return g_mysql;
@@ -136,24 +138,30 @@ std::string render(const redisReply *r) {
 }
 
 class SandboxEnv : public ::testing::Environment {
-public:
+  public:
     void SetUp() override { ensure_sandbox(); }
 };
 
 std::mutex g_log_mutex;
 std::vector<std::string> g_log_lines;
+std::vector<int> g_log_priorities;  // of each line
 LogCapture *g_capture = nullptr;
 
-void capture_sink(const char *, int, const char *, int, int, const char *message, void *) {
+void capture_sink(const char *, int, const char *, int, int priority, const char *message, void *) {
     std::lock_guard lock(g_log_mutex);
     g_log_lines.emplace_back(message ? message : "");
+    g_log_priorities.push_back(priority);
 }
 
 }  // namespace
 
-std::string root() { return QX_ROOT; }
+std::string root() {
+    return QX_ROOT;
+}
 
-std::string path(std::string_view rel) { return root() + std::string(rel); }
+std::string path(std::string_view rel) {
+    return root() + std::string(rel);
+}
 
 void ensure_sandbox() {
     static std::once_flag once;
@@ -170,7 +178,9 @@ void ensure_sandbox() {
     return ::testing::AddGlobalTestEnvironment(new SandboxEnv);
 }
 
-void sql(const std::string &statement) { query(statement, nullptr); }
+void sql(const std::string &statement) {
+    query(statement, nullptr);
+}
 
 std::vector<Row> sql_rows(const std::string &q) {
     std::vector<Row> rows;
@@ -219,9 +229,53 @@ std::string redis(const std::vector<std::string> &argv) {
     return out;
 }
 
+void clear_ids(int base) {
+    const std::string range = std::to_string(base) + " AND " + std::to_string(base + 9);
+    const std::string exts = "SELECT id FROM extension WHERE client_id BETWEEN " + range;
+    std::string owners;  // full numbers start with their owner's id
+    for (int id = base; id < base + 10; ++id)
+        owners += (owners.empty() ? "" : "|") + std::to_string(id);
+    // Codecs the block's extensions alone use.
+    sql("DELETE FROM codec WHERE id IN (SELECT codec_id FROM extension_codec_rel WHERE "
+        "extension_id IN (" +
+        exts +
+        ")) AND id NOT IN (SELECT codec_id FROM extension_codec_rel "
+        "WHERE extension_id NOT IN (" +
+        exts + "))");
+    for (const char *t : {"extension_prefs", "extension_recording", "extension_voicemail",
+                          "extension_fax_center", "extension_codec_rel"})
+        sql(std::string("DELETE FROM ") + t + " WHERE extension_id IN (" + exts + ")");
+    sql("DELETE FROM ser_subscriber WHERE username REGEXP '^(" + owners + ")([^0-9]|$)'");
+    sql("DELETE FROM extension WHERE client_id BETWEEN " + range);
+    sql("DELETE FROM client_prefs WHERE client_id BETWEEN " + range);
+    sql("DELETE FROM hs_account WHERE userID BETWEEN " + range);
+    sql("DELETE FROM client WHERE id BETWEEN " + range);
+    for (int id = base; id < base + 10; ++id) {
+        const std::string i = std::to_string(id);
+        redis({"DEL", "res:inf:mng:" + i, "res:pre:mng:" + i, "res:ind:" + i + ":ext"});
+        std::vector<std::string> del{"DEL"};
+        std::stringstream keys(redis({"KEYS", "res:*:ext:" + i + "[^0-9]*"}));
+        for (std::string key; std::getline(keys, key);)
+            del.push_back(key);
+        if (del.size() > 1) redis(del);
+        std::error_code ec;
+        std::filesystem::remove_all(path("/var/lib/quorvexquota/") + i, ec);
+        std::filesystem::remove_all(path("/var/lib/asterisk/sounds/.") + i, ec);
+        std::filesystem::remove_all(path("/var/lib/asterisk/music/") + i, ec);
+    }
+}
+
 int fresh_ids() {
     sql("CREATE DATABASE IF NOT EXISTS qxtest");
     sql("CREATE TABLE IF NOT EXISTS qxtest.ids (n INT NOT NULL AUTO_INCREMENT PRIMARY KEY)");
+    // Stored-file rows of extensions that no longer exist would be counted for a new extension
+    // that happens to get the same id.
+    static std::once_flag orphans;
+    std::call_once(orphans, [] {
+        for (const char *t : {"extension_recording", "extension_voicemail", "extension_fax_center"})
+            sql(std::string("DELETE t FROM ") + t +
+                " t LEFT JOIN extension e ON e.id = t.extension_id WHERE e.id IS NULL");
+    });
     long long n;
     {
         std::vector<Row> rows;
@@ -232,27 +286,11 @@ int fresh_ids() {
         }
         n = std::stoll(*rows[0][0]);
     }
-    // 900 blocks between 1000 and 9999; a long-lived sandbox wraps around, and then the block's
-    // old rows, cache entries and quota files are removed so that the ids are fresh again.
+    // 900 blocks between 1000 and 9999 (the tool cuts longer ids); a long-lived sandbox comes
+    // round to a block again, which is then cleared first.
     long long block = (n - 1) % 900;
     long long base = 1000 + block * 10;
-    if (n > 900) {
-        std::string range = std::to_string(base) + " AND " + std::to_string(base + 9);
-        std::string exts = "SELECT id FROM extension WHERE client_id BETWEEN " + range;
-        for (const char *t : {"extension_prefs", "extension_recording", "extension_voicemail",
-                              "extension_fax_center", "extension_codec_rel"})
-            sql(std::string("DELETE FROM ") + t + " WHERE extension_id IN (" + exts + ")");
-        sql("DELETE FROM extension WHERE client_id BETWEEN " + range);
-        sql("DELETE FROM client_prefs WHERE client_id BETWEEN " + range);
-        sql("DELETE FROM hs_account WHERE userID BETWEEN " + range);
-        sql("DELETE FROM client WHERE id BETWEEN " + range);
-        for (long long id = base; id < base + 10; ++id) {
-            std::string i = std::to_string(id);
-            redis({"DEL", "res:inf:mng:" + i, "res:pre:mng:" + i, "res:ind:" + i + ":ext"});
-            std::error_code ec;
-            std::filesystem::remove_all(path("/var/lib/quorvexquota/") + i, ec);
-        }
-    }
+    if (n > 900) clear_ids(static_cast<int>(base));
     // A generated benchmark platform owns ids of its own in the same range: then go above it.
     const std::string range = std::to_string(base) + " AND " + std::to_string(base + 9);
     if (sql_int("SELECT COUNT(*) FROM client WHERE id BETWEEN " + range) > 0) {
@@ -262,8 +300,7 @@ int fresh_ids() {
     return static_cast<int>(base);
 }
 
-void add_account(int id, int parent, int level, const std::string &login,
-                 const std::string &name) {
+void add_account(int id, int parent, int level, const std::string &login, const std::string &name) {
     std::string p = parent > 0 ? std::to_string(parent) : "NULL";
     sql("INSERT INTO client (id, parent_client_id, level, name) VALUES (" + std::to_string(id) +
         ", " + p + ", " + std::to_string(level) + ", " +
@@ -314,6 +351,7 @@ LogCapture::LogCapture() {
     {
         std::lock_guard lock(g_log_mutex);
         g_log_lines.clear();
+        g_log_priorities.clear();
         g_capture = this;
     }
     fr_log_set_threshold(7);
@@ -326,21 +364,33 @@ LogCapture::~LogCapture() {
     g_capture = nullptr;
 }
 
-const std::vector<std::string> &LogCapture::lines() const { return g_log_lines; }
+const std::vector<std::string> &LogCapture::lines() const {
+    return g_log_lines;
+}
 
-bool LogCapture::contains(std::string_view needle) const { return count(needle) > 0; }
+bool LogCapture::contains(std::string_view needle) const {
+    return count(needle) > 0;
+}
 
 size_t LogCapture::count(std::string_view needle) const {
     std::lock_guard lock(g_log_mutex);
-    return static_cast<size_t>(std::count_if(g_log_lines.begin(), g_log_lines.end(),
-                                              [&](const std::string &l) {
-                                                  return l.find(needle) != std::string::npos;
-                                              }));
+    return static_cast<size_t>(
+        std::count_if(g_log_lines.begin(), g_log_lines.end(),
+                      [&](const std::string &l) { return l.find(needle) != std::string::npos; }));
+}
+
+bool LogCapture::contains_at(int priority, std::string_view needle) const {
+    std::lock_guard lock(g_log_mutex);
+    for (size_t i = 0; i < g_log_lines.size(); ++i)
+        if (g_log_priorities[i] == priority && g_log_lines[i].find(needle) != std::string::npos)
+            return true;
+    return false;
 }
 
 void LogCapture::clear() {
     std::lock_guard lock(g_log_mutex);
     g_log_lines.clear();
+    g_log_priorities.clear();
 }
 
 RunResult run(const std::vector<std::string> &argv, const std::string &input) {
@@ -353,7 +403,8 @@ RunResult run(const std::vector<std::string> &argv, const std::string &input) {
     posix_spawn_file_actions_adddup2(&fa, out[1], 1);
     posix_spawn_file_actions_adddup2(&fa, err[1], 2);
     std::vector<char *> args;
-    for (const auto &a : argv) args.push_back(const_cast<char *>(a.c_str()));
+    for (const auto &a : argv)
+        args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
     pid_t pid;
     int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);

@@ -26,9 +26,9 @@ void ensure_sandbox();
 
 // SQL on the sandbox database (as the administrator, not through the pool).
 using Row = std::vector<std::optional<std::string>>;
-void sql(const std::string &statement);                       // ADD_FAILURE on error
-std::vector<Row> sql_rows(const std::string &query);          // ADD_FAILURE on error
-long long sql_int(const std::string &query);                  // first column of first row
+void sql(const std::string &statement);               // ADD_FAILURE on error
+std::vector<Row> sql_rows(const std::string &query);  // ADD_FAILURE on error
+long long sql_int(const std::string &query);          // first column of first row
 // Global counters of the server (SHOW GLOBAL STATUS), e.g. "Com_select", "Questions".
 long long server_status(const std::string &name);
 
@@ -38,8 +38,15 @@ long long server_status(const std::string &name);
 std::string redis(const std::vector<std::string> &argv);
 
 // A block of 10 account ids no other test (of this run, in any binary) uses; all below 10000,
-// unless a generated benchmark platform fills that range (then above its accounts).
+// unless a generated benchmark platform fills that range (then above its accounts). Blocks come
+// round again on a long-lived sandbox; a block is cleared (clear_ids) before it is handed out
+// again, so no earlier run's rows, cache entries or files are ever seen.
 int fresh_ids();
+// Removes what belongs to the block's ids: accounts, their preferences, extensions and the
+// extensions' rows (stored files, preferences, codecs, subscribers), their cache entries, quota
+// files and media directories. A fixture's TearDown calls it so that a failed test leaves
+// nothing behind either.
+void clear_ids(int base);
 
 // Fixture rows. Level 10 reseller, 50 client, 100 user; parent 0 is stored as NULL. Login
 // defaults to "u<id>", name to "Account <id>".
@@ -57,13 +64,15 @@ void write_file(const std::string &path, size_t size);
 
 // Captures the platform logger's lines (threshold debug) for its lifetime.
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
     const std::vector<std::string> &lines() const;
     bool contains(std::string_view needle) const;
+    // A line containing needle logged at exactly this priority.
+    bool contains_at(int priority, std::string_view needle) const;
     size_t count(std::string_view needle) const;
     void clear();
 };
