@@ -578,9 +578,11 @@ bool read_config(Config *c) {
         {kConfUploadInterval, FR_CONF_INT, &c->upload_interval},
         {kConfDisdb, FR_CONF_STRING, &disdb},
     };
-    // A node without storage.conf runs on the defaults.
-    parseconfig(QX_STORAGE_CONF, table, sizeof table / sizeof table[0]);
+    // A node without storage.conf runs on the defaults; a file with a rejected line (already
+    // logged) is not loaded at all, so the configuration in force stays.
+    const int rejected = parseconfig(QX_STORAGE_CONF, table, sizeof table / sizeof table[0]);
     qx::CStr own_system(system), own_in(in), own_out(out), own_cache(cache), own_disdb(disdb);
+    if (rejected > 0) return false;
 
     c->engine = system && std::strcmp(system, kEngineWordS3) == 0 ? QX_STORAGE_ENGINE_S3
                                                                   : QX_STORAGE_ENGINE_POSIX;
