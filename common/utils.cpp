@@ -20,9 +20,18 @@ constexpr std::string_view kArrow = "=>";
 constexpr std::string_view kEquals = "=";
 constexpr const char *kDefaultPadding = " \t";
 constexpr char kCommentChar = '#';
-// The plain reader takes at most 1023 bytes per read into a 1025-byte buffer.
-constexpr size_t kPlainLineBuffer = 1025;
-constexpr int kPlainReadSize = 1024;
+// Asterisk's own comment character: such lines are not read as comments here, but they are not
+// malformed either.
+constexpr char kAsteriskComment = ';';
+
+constexpr char kSource[] = "../common/utils";
+constexpr int kChannel = 3;
+constexpr int kPrioError = 3;
+constexpr char kMsgTooLong[] = "Line [%d] of <%s> is longer than %d bytes; ignored: %.40s\n";
+constexpr char kMsgNoSeparator[] = "Line [%d] of <%s> is not a key => value line: %.40s\n";
+constexpr char kMsgNoValue[] = "Key %s on line [%d] of <%s> has no value.\n";
+// The plain reader used to take at most 1023 bytes per read; that stays its line limit.
+constexpr size_t kPlainLineLimit = 1023;
 
 // Asterisk's files are ASCII; a byte above 127 is never white space, as it is not for isspace()
 // in the C locale when handed the byte as a signed char.
@@ -43,8 +52,8 @@ struct KeyValue {
     std::string_view value;
 };
 
-// Splits a trimmed line at its separator; false when it has none or nothing follows it, so
-// that an empty value never replaces one found earlier.
+// Splits a trimmed line at its separator; false when it has none. The value is empty only when
+// nothing follows the separator, and an empty value never replaces one found earlier.
 bool split_line(std::string_view line, bool equals_allowed, KeyValue &out) {
     size_t at = line.find(kArrow);
     size_t sep_len = kArrow.size();
@@ -52,10 +61,27 @@ bool split_line(std::string_view line, bool equals_allowed, KeyValue &out) {
         at = line.find(kEquals);
         sep_len = kEquals.size();
     }
-    if (at == std::string_view::npos || at + sep_len >= line.size()) return false;
+    if (at == std::string_view::npos) return false;
     out.key = trim(line.substr(0, at));
     out.value = trim(line.substr(at + sep_len));
     return true;
+}
+
+// Index of the key among the first count entries of keys (count < 0: up to the NULL entry), or
+// -1.
+int find_key(std::string_view key, const char **keys, int count) {
+    for (int i = 0; count < 0 ? keys[i] != nullptr : i < count; ++i)
+        if (keys[i] && key == keys[i]) return i;
+    return -1;
+}
+
+// A wanted key written without a value is a mistake in the file, not a way to unset it.
+int wanted_key(const KeyValue &kv, const char **keys, int count, int line_number,
+               const char *path) {
+    const int i = find_key(kv.key, keys, count);
+    if (i >= 0 && kv.value.empty())
+        FR_LOG(kSource, kChannel, kPrioError, kMsgNoValue, keys[i], line_number, path);
+    return kv.value.empty() ? -1 : i;
 }
 
 // The last line of a key wins: a value held before is released.
@@ -71,28 +97,33 @@ int read_sections(const char *path, const char *section, const char **keys, safe
     if (!fp) return -1;
     const std::string header = section ? qx::format(kSectionHeader, section) : std::string();
     bool inside = false;
-    for (;;) {
+    for (int line_number = 1;; ++line_number) {
         std::unique_ptr<safestr_t, decltype(&safestr_free)> raw(safestr_readline(fp.get()),
                                                                 &safestr_free);
         if (!raw) break;
         const char *text = safestr_cstr(raw.get());
         if (is_ignorable(text, kCommentChar, 0)) continue;
         const std::string_view line(text, safestr_length(raw.get()));
-        if (section && line.find('[') != std::string_view::npos &&
-            line.find(']') != std::string_view::npos) {
+        const bool is_header =
+            line.find('[') != std::string_view::npos && line.find(']') != std::string_view::npos;
+        if (section && is_header) {
             // Any line with both brackets switches sections; a decorated header such as
             // "[directories](!)" still opens the one it names.
             inside = line.find(header) != std::string_view::npos;
         }
         if (section && !inside) continue;
+        const std::string_view trimmed = trim(line);
         KeyValue kv;
-        if (!split_line(trim(line), true, kv)) continue;
-        for (size_t i = 0; keys[i]; ++i) {
-            if (kv.key == keys[i]) {
-                store(values[i], kv.value);
-                break;
+        if (!split_line(trimmed, true, kv)) {
+            if (!is_header && trimmed.front() != kAsteriskComment) {
+                const std::string shown(trimmed);
+                FR_LOG(kSource, kChannel, kPrioError, kMsgNoSeparator, line_number, path,
+                       shown.c_str());
             }
+            continue;
         }
+        if (const int i = wanted_key(kv, keys, -1, line_number, path); i >= 0)
+            store(values[i], kv.value);
     }
     return 0;
 }
@@ -102,17 +133,25 @@ int read_values(const char *path, const char **keys, safestr_t **values, int cou
     if (!fp) return -1;
     for (int i = 0; i < count; ++i)
         values[i] = nullptr;
-    // Lines longer than the buffer arrive in pieces, each taken as a line of its own.
-    char buf[kPlainLineBuffer] = {};
-    while (std::fgets(buf, kPlainReadSize, fp.get())) {
-        KeyValue kv;
-        if (!split_line(trim(buf), false, kv)) continue;
-        for (int i = 0; i < count; ++i) {
-            if (keys[i] && kv.key == keys[i]) {
-                store(values[i], kv.value);
-                break;
-            }
+    // A line longer than the old fgets buffer took in one read is skipped whole: its tail read
+    // on its own could look like a line of its own.
+    for (int line_number = 1;; ++line_number) {
+        std::unique_ptr<safestr_t, decltype(&safestr_free)> raw(safestr_readline(fp.get()),
+                                                                &safestr_free);
+        if (!raw) break;
+        const char *text = safestr_cstr(raw.get());
+        size_t content = safestr_length(raw.get());
+        if (content > 0 && text[content - 1] == '\n') --content;
+        if (content > kPlainLineLimit) {
+            const std::string shown(trim(text));
+            FR_LOG(kSource, kChannel, kPrioError, kMsgTooLong, line_number, path,
+                   static_cast<int>(kPlainLineLimit), shown.c_str());
+            continue;
         }
+        KeyValue kv;
+        if (!split_line(trim(text), false, kv)) continue;
+        if (const int i = wanted_key(kv, keys, count, line_number, path); i >= 0)
+            store(values[i], kv.value);
     }
     return 0;
 }

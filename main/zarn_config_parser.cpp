@@ -6,14 +6,14 @@
 // skip lines whose first non-blank character is '#', and match the keyword case-insensitively
 // at the start of the line; the keyword-anywhere readers (credentials, hosts, worker) use a
 // 256-byte buffer, cut every line at its first '#', and find the keyword case-sensitively
-// anywhere in the line. A line longer than the buffer arrives in pieces and every piece is
-// handled, and counted, as a line of its own.
+// anywhere in the line. The buffer sizes live on as line limits: a longer line is reported
+// and skipped whole, never cut into pieces whose tail could pass for a line of its own.
 #include "zarn_config_parser.h"
 
 #include <errno.h>
 #include <strings.h>
 
-#include <array>
+#include <cctype>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -40,6 +40,11 @@ constexpr char kMsgInvalidCred[] = "Invalid DB credentials line [%d] in <%s>.\n\
 constexpr char kMsgInvalidHost[] = "Invalid DB host line [%d] in <%s>.\n\n";
 constexpr char kMsgOpenError[] = "Error opening configuration file <%s>: %s.\n\n";
 constexpr char kMsgParseError[] = "Error parsing configuration file <%s>.\n\n";
+constexpr char kMsgTooLong[] = "Line [%d] of <%s> is longer than %zu bytes; %s ignored.\n\n";
+constexpr char kMsgNoValue[] = "Directive %s on line [%d] of <%s> has no value.\n\n";
+constexpr char kMsgBadPort[] = "Invalid port [%s] of %s on line [%d] of <%s>.\n\n";
+// handle_file is given a stream without its name.
+constexpr char kStreamName[] = "(stream)";
 
 constexpr int kChannelTrace = 2;
 constexpr int kChannelMessage = 3;
@@ -52,6 +57,7 @@ constexpr size_t kCredFields = 4;
 constexpr size_t kMinHostFields = 3;
 constexpr char kFieldSeparator = ':';
 constexpr char kComment = '#';
+constexpr long kMaxPort = 65535;
 
 // Early returns leave this trace with the line they return from.
 #define QX_TRACE_RETURN() \
@@ -87,20 +93,42 @@ std::vector<std::string_view> split_fields(std::string_view text) {
     return fields;
 }
 
-// atoi's reading of a port, without its undefined behaviour on overflow.
-int to_int(std::string_view text) {
-    const std::string digits(text);
-    const long v = std::strtol(digits.c_str(), nullptr, 10);
-    if (v > INT_MAX) return INT_MAX;
-    if (v < INT_MIN) return INT_MIN;
-    return static_cast<int>(v);
+// A port is decimal digits only, 1 to 65535; anything else is a malformed host line.
+bool parse_port(std::string_view text, int &port) {
+    if (text.empty() || text.size() > 5) return false;
+    long v = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return false;
+        v = v * 10 + (c - '0');
+    }
+    if (v < 1 || v > kMaxPort) return false;
+    port = static_cast<int>(v);
+    return true;
 }
 
+bool is_empty_value(const char *text) {
+    for (; *text; ++text)
+        if (!std::isspace(static_cast<unsigned char>(*text))) return false;
+    return true;
+}
+
+struct LineBuffer {
+    char *data = nullptr;
+    size_t capacity = 0;
+    ~LineBuffer() { std::free(data); }
+};
+
+// Hands every line whole to on_line(text, line number, overlong) until it returns false. A line
+// is overlong when more than N - 1 bytes precede its newline: that is what the family's fgets
+// buffer of N bytes used to take in one piece.
 template <size_t N, class OnLine>
 void for_each_line(FILE *fp, OnLine &&on_line) {
-    std::array<char, N> buf{};
-    while (std::fgets(buf.data(), static_cast<int>(N), fp)) {
-        if (!on_line(buf.data())) break;
+    LineBuffer buf;
+    int number = 0;
+    for (ssize_t n; (n = getline(&buf.data, &buf.capacity, fp)) >= 0;) {
+        size_t content = static_cast<size_t>(n);
+        if (content > 0 && buf.data[content - 1] == '\n') --content;
+        if (!on_line(buf.data, ++number, content > N - 1)) break;
     }
 }
 
@@ -109,16 +137,19 @@ enum class Verdict { next_line, found, invalid };
 // Runs on_match(line_number, text after the keyword) on every line holding the keyword,
 // until it returns something other than next_line. 0 when a line was found, else -1.
 template <class OnMatch>
-int scan_anywhere(FILE *fp, const char *keyword, OnMatch &&on_match) {
+int scan_anywhere(FILE *fp, const char *path, const char *keyword, OnMatch &&on_match) {
     const size_t keyword_len = std::strlen(keyword);
-    int line_number = 0;
     Verdict verdict = Verdict::next_line;
-    for_each_line<kAnywhereLineBuffer>(fp, [&](char *line) {
-        ++line_number;
+    for_each_line<kAnywhereLineBuffer>(fp, [&](char *line, int line_number, bool overlong) {
         if (char *comment = std::strchr(line, kComment)) *comment = '\0';
         if (*line == '\0') return true;
         const char *hit = std::strstr(line, keyword);
         if (!hit) return true;
+        if (overlong) {
+            FR_LOG(kSource, kChannelMessage, kPrioError, kMsgTooLong, line_number, path,
+                   kAnywhereLineBuffer - 1, keyword);
+            return true;
+        }
         verdict = on_match(line_number, hit + keyword_len);
         return verdict == Verdict::next_line;
     });
@@ -141,21 +172,22 @@ int cred_internal(const char *keyword, const char *path, const char *id, char **
         QX_TRACE_RETURN();
         return -1;
     }
-    return scan_anywhere(
-        fp.get(), keyword ? keyword : kDefaultCredKeyword, [&](int line_number, const char *rest) {
-            qx::CStr value(trimmed_copy(rest));
-            if (!value) return Verdict::next_line;
-            const auto fields = split_fields(value.get());
-            if (fields.size() != kCredFields) {
-                FR_LOG(kSource, kChannelMessage, kPrioError, kMsgInvalidCred, line_number, path);
-                return Verdict::invalid;
-            }
-            if (fields[0] != id) return Verdict::next_line;
-            if (field1) *field1 = qx::c_copy(fields[1]);
-            if (field2) *field2 = qx::c_copy(fields[2]);
-            if (field3) *field3 = qx::c_copy(fields[3]);
-            return Verdict::found;
-        });
+    return scan_anywhere(fp.get(), path, keyword ? keyword : kDefaultCredKeyword,
+                         [&](int line_number, const char *rest) {
+                             qx::CStr value(trimmed_copy(rest));
+                             if (!value) return Verdict::next_line;
+                             const auto fields = split_fields(value.get());
+                             if (fields.size() != kCredFields) {
+                                 FR_LOG(kSource, kChannelMessage, kPrioError, kMsgInvalidCred,
+                                        line_number, path);
+                                 return Verdict::invalid;
+                             }
+                             if (fields[0] != id) return Verdict::next_line;
+                             if (field1) *field1 = qx::c_copy(fields[1]);
+                             if (field2) *field2 = qx::c_copy(fields[2]);
+                             if (field3) *field3 = qx::c_copy(fields[3]);
+                             return Verdict::found;
+                         });
 }
 
 int host_internal(const char *path, const char *id, const char *keyword, char **host, int *port) {
@@ -164,7 +196,7 @@ int host_internal(const char *path, const char *id, const char *keyword, char **
         QX_TRACE_RETURN();
         return -1;
     }
-    return scan_anywhere(fp.get(), keyword, [&](int line_number, const char *rest) {
+    return scan_anywhere(fp.get(), path, keyword, [&](int line_number, const char *rest) {
         qx::CStr value(trimmed_copy(rest));
         if (!value) return Verdict::next_line;
         const std::string_view text(value.get());
@@ -173,13 +205,20 @@ int host_internal(const char *path, const char *id, const char *keyword, char **
             FR_LOG(kSource, kChannelMessage, kPrioError, kMsgInvalidHost, line_number, path);
             return Verdict::invalid;
         }
+        int port_value = 0;
+        if (!parse_port(fields.back(), port_value)) {
+            const std::string port_text(fields.back());
+            FR_LOG(kSource, kChannelMessage, kPrioError, kMsgBadPort, port_text.c_str(), keyword,
+                   line_number, path);
+            return Verdict::invalid;
+        }
         if (fields[0] != id) return Verdict::next_line;
         // An IPv6 literal carries its own colons: the host is everything between the id and
         // the port.
         const size_t first = text.find(kFieldSeparator);
         const size_t last = text.rfind(kFieldSeparator);
         if (host) *host = qx::c_copy(text.substr(first + 1, last - first - 1));
-        if (port) *port = to_int(fields.back());
+        if (port) *port = port_value;
         return Verdict::found;
     });
 }
@@ -190,19 +229,20 @@ int worker_internal(const char *keyword, const char *path, char **out) {
         QX_TRACE_RETURN();
         return -1;
     }
-    return scan_anywhere(fp.get(), keyword ? keyword : kDefaultWorkerKeyword,
-                         [&](int, const char *rest) {
-                             // The keyword must end at a blank, a control character or the
-                             // end of the line. The byte is compared signed, so bytes of 0x80
-                             // and above also end it.
-                             if (static_cast<signed char>(*rest) > 0x20) return Verdict::next_line;
-                             *out = trimmed_copy(rest);
-                             return Verdict::found;
-                         });
+    const char *name = keyword ? keyword : kDefaultWorkerKeyword;
+    return scan_anywhere(fp.get(), path, name, [&](int line_number, const char *rest) {
+        // The keyword must end at a blank, a control character or the end of the line. The
+        // byte is compared signed, so bytes of 0x80 and above also end it.
+        if (static_cast<signed char>(*rest) > 0x20) return Verdict::next_line;
+        *out = trimmed_copy(rest);
+        if (*out && **out == '\0')
+            FR_LOG(kSource, kChannelMessage, kPrioError, kMsgNoValue, name, line_number, path);
+        return Verdict::found;
+    });
 }
 
-int handle_file_internal(FILE *fp, qx_conf_directive *table) {
-    for_each_line<kStartLineBuffer>(fp, [&](char *line) {
+int handle_file_internal(FILE *fp, qx_conf_directive *table, const char *path) {
+    for_each_line<kStartLineBuffer>(fp, [&](char *line, int line_number, bool overlong) {
         const char *p = skip_blanks(line);
         if (*p == kComment) return true;
         // A name only has to be a prefix of the line: no blank is required after it, so
@@ -210,7 +250,16 @@ int handle_file_internal(FILE *fp, qx_conf_directive *table) {
         for (qx_conf_directive *row = table; row->name; ++row) {
             const size_t len = std::strlen(row->name);
             if (strncasecmp(p, row->name, len) != 0) continue;
-            append_value(*row, skip_blanks(p + len));
+            if (overlong) {
+                FR_LOG(kSource, kChannelMessage, kPrioError, kMsgTooLong, line_number, path,
+                       kStartLineBuffer - 1, row->name);
+                break;
+            }
+            const char *value = skip_blanks(p + len);
+            if (is_empty_value(value))
+                FR_LOG(kSource, kChannelMessage, kPrioError, kMsgNoValue, row->name, line_number,
+                       path);
+            append_value(*row, value);
             break;
         }
         return true;
@@ -228,7 +277,7 @@ int multi_files_internal(qx_conf_directive *table, const char *const *files) {
                    std::strerror(errno));
             continue;
         }
-        if (qx_conf_parse_multi_directives_handle_file(fp.get(), table) != 0) {
+        if (handle_file_internal(fp.get(), table, *path) != 0) {
             FR_LOG(kSource, kChannelMessage, kPrioError, kMsgParseError, *path);
             return -1;
         }
@@ -260,12 +309,27 @@ int qx_conf_parse_string_value(const char *keyword, const char *path, char **out
     }
     const size_t keyword_len = std::strlen(keyword);
     try {
-        for_each_line<kStartLineBuffer>(fp.get(), [&](char *line) {
+        for_each_line<kStartLineBuffer>(fp.get(), [&](char *line, int line_number, bool overlong) {
             const char *p = skip_blanks(line);
             if (*p == kComment) return true;
             if (strncasecmp(p, keyword, keyword_len) != 0) return true;
-            if (!is_blank(p[keyword_len])) return true;
-            *out = trimmed_copy(skip_blanks(p + keyword_len));
+            const char *rest = p + keyword_len;
+            if (!is_blank(*rest)) {
+                // The keyword alone was meant, but no value can be taken from it.
+                if (is_empty_value(rest))
+                    FR_LOG(kSource, kChannelMessage, kPrioError, kMsgNoValue, keyword, line_number,
+                           path);
+                return true;
+            }
+            if (overlong) {
+                FR_LOG(kSource, kChannelMessage, kPrioError, kMsgTooLong, line_number, path,
+                       kStartLineBuffer - 1, keyword);
+                return true;
+            }
+            *out = trimmed_copy(skip_blanks(rest));
+            if (*out && **out == '\0')
+                FR_LOG(kSource, kChannelMessage, kPrioError, kMsgNoValue, keyword, line_number,
+                       path);
             return false;
         });
     } catch (...) {
@@ -341,7 +405,7 @@ int qx_conf_parse_multi_directives_handle_file(FILE *fp, qx_conf_directive *tabl
         return -1;
     }
     try {
-        return handle_file_internal(fp, table);
+        return handle_file_internal(fp, table, kStreamName);
     } catch (...) {
         return -1;
     }

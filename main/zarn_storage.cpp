@@ -637,11 +637,15 @@ bool read_config(Config *c) {
         {kConfDisdb, FR_CONF_STRING, &disdb},
     };
     // A node without storage.conf runs on the defaults; one that cannot read its file is told.
-    if (parseconfig(QX_STORAGE_CONF, table, sizeof table / sizeof table[0]) < 0 && errno != ENOENT)
+    // A file with a rejected line (already logged) is not loaded at all, so the configuration in
+    // force stays.
+    const int rejected = parseconfig(QX_STORAGE_CONF, table, sizeof table / sizeof table[0]);
+    if (rejected < 0 && errno != ENOENT)
         ST_LOG(kError, kMsgConfUnreadable, QX_STORAGE_CONF, std::strerror(errno));
     qx::CStr own_system(system), own_in(in), own_out(out), own_cache(cache), own_disdb(disdb);
     qx::CStr own_cache_expire(cache_expire), own_trash_expire(trash_expire),
         own_upload_interval(upload_interval);
+    if (rejected > 0) return false;
 
     c->engine = system && std::strcmp(system, kEngineWordS3) == 0 ? QX_STORAGE_ENGINE_S3
                                                                   : QX_STORAGE_ENGINE_POSIX;

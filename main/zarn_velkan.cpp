@@ -4,6 +4,7 @@
 
 #include <syslog.h>
 
+#include <climits>
 #include <cstdarg>
 #include <cstdlib>
 #include <cstring>
@@ -42,6 +43,11 @@ constexpr char kMsgCredDb[] =
 constexpr char kMsgCredSkipped[] = "Skipping velkan credentials for partition %s.\n";
 constexpr char kMsgKeyFailed[] = "vk_set_database_key(%d,..) failed with error: %s";
 constexpr char kMsgSelectFailed[] = "vk_select(%d) failed with error: %s";
+// The directive reader merges both files, so which one held the value is not known here.
+constexpr char kMsgHostInvalid[] =
+    "Invalid DISDBASE_HOST value [%s] in " QX_DISDBASE_CONF " or " QX_PBX_CONF ".\n";
+constexpr char kMsgLevelUnknown[] = "Unknown VELKAN_DEBUG_PBX level [%s] in " QX_LOCAL_CONF ".\n";
+constexpr int kMaxPort = 65535;
 
 constexpr char kSysHostInvalid[] = "Failed to parse disdb host. Entry: %s.\n";
 constexpr char kSysServerSkipped[] = "Skiping velkan server %s from partition %s";
@@ -66,6 +72,17 @@ std::vector<std::string> split(std::string_view text, char sep) {
         out.emplace_back(text.substr(start, pos - start));
     if (start < text.size()) out.emplace_back(text.substr(start));
     return out;
+}
+
+// Decimal digits only; atoi would take "80x" for 80 and "x" for 0. -1 when not a number.
+long parse_number(const std::string &text, long max) {
+    if (text.empty() || text.size() > 9) return -1;
+    long v = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return -1;
+        v = v * 10 + (c - '0');
+    }
+    return v <= max ? v : -1;
 }
 
 std::string join(const std::vector<std::string> &parts, size_t first, size_t last, char sep) {
@@ -115,7 +132,7 @@ bool apply_credentials(vk_client_t *client, const qx_conf_directive &creds) {
             FR_LOG(kSource, kChannel, kError, kMsgCredFields, n);
             continue;
         }
-        const int db = std::atoi(fields[3].c_str());
+        const int db = static_cast<int>(parse_number(fields[3], INT_MAX));
         if (db <= 0) {
             FR_LOG(kSource, kChannel, kError, kMsgCredDb, n);
             continue;
@@ -168,8 +185,10 @@ int init(vk_client_t **client) {
 
 int add_server(vk_client_t *client, const char *value) {
     const auto fields = split(value ? value : "", ':');
-    if (fields.size() <= 4) {
+    const long port = fields.size() > 4 ? parse_number(fields.back(), kMaxPort) : -1;
+    if (port < 0) {
         syslog(LOG_ERR, kSysHostInvalid, value ? value : kNullText);
+        FR_LOG(kSource, kChannel, kError, kMsgHostInvalid, value ? value : kNullText);
         return 1;
     }
     if (fields[0] != kPartition) {
@@ -180,17 +199,20 @@ int add_server(vk_client_t *client, const char *value) {
     }
     const std::string name = fields[1] + ':' + fields[2];
     const std::string host = join(fields, 3, fields.size() - 1, ':');
-    const int port = std::atoi(fields.back().c_str());
-    return vk_server_add(client, host.c_str(), port, name.c_str());
+    return vk_server_add(client, host.c_str(), static_cast<int>(port), name.c_str());
 }
 
 int add_syslog(vk_client_t *client, const char *levels) {
     syslog(LOG_NOTICE, kSysLevels, levels ? levels : kNullText);
     if (!levels) return 0;
     unsigned mask = 0;
-    for (const auto &piece : split(levels, '|'))
+    for (const auto &piece : split(levels, '|')) {
+        unsigned bit = 0;
         for (const auto &w : kLevelWords)
-            if (piece == w.word) mask |= w.bit;
+            if (piece == w.word) bit = w.bit;
+        if (!bit) FR_LOG(kSource, kChannel, kError, kMsgLevelUnknown, piece.c_str());
+        mask |= bit;
+    }
     if (mask == 0) return 0;
     syslog(LOG_NOTICE, kSysEnabled, mask);
     return vk_enable_syslog(client, mask);

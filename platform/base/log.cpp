@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "cxx_util.hpp"
 #include "qx_paths.h"
@@ -50,25 +51,46 @@ std::once_flag g_syslog_once;
 // Set once a caller chose the threshold itself; the lazy load must then leave it alone.
 std::atomic<bool> g_threshold_pinned{false};
 
+constexpr char kSource[] = "../platform/base/log";
+constexpr int kChannel = 3;
+constexpr char kMsgUnknownLevel[] = "Unknown LOG_LEVEL [%s] in <%s>; notice is used.\n";
+
+// Lines logged while the settings load (parseconfig reporting local.conf's own bad lines) cannot
+// go out yet: the logger does not know its threshold or its file, and logging normally would
+// re-enter the load. They wait here until the load is done. Only the loading thread, inside the
+// once-call, ever touches them.
+struct HeldLine {
+    std::string file;
+    int line;
+    std::string func;
+    int channel;
+    int priority;
+    std::string message;
+};
+thread_local bool t_loading = false;
+std::vector<HeldLine> g_held;
+
 void store_threshold(int level) {
     __atomic_store_n(&fr_log_threshold, level, __ATOMIC_RELAXED);
 }
 
-// A number 0-7 or a level word (any case); anything else falls back to notice.
+// A number 0-7 or a level word (any case); -1 for anything else.
 int parse_level(const char *text) {
-    if (!text || !*text) return kDefaultLevel;
     char *end = nullptr;
     errno = 0;
     long n = std::strtol(text, &end, 10);
-    if (*end == '\0' && errno == 0)
-        return n >= LOG_EMERG && n <= LOG_DEBUG ? int(n) : kDefaultLevel;
+    if (*end == '\0' && errno == 0 && end != text)
+        return n >= LOG_EMERG && n <= LOG_DEBUG ? int(n) : -1;
     for (const auto &ln : kLevelNames) {
         if (strcasecmp(text, ln.name) == 0) return ln.level;
     }
-    return kDefaultLevel;
+    return -1;
 }
 
-// Runs once per process. parseconfig must never log, or this would re-enter itself.
+void emit(const char *file, int line, const char *func, int channel, int priority,
+          std::string &message);
+
+// Runs once per process, under the once-flag that every fr_log_impl call passes first.
 void load_settings() {
     char *level = nullptr;
     char *file = nullptr;
@@ -76,17 +98,30 @@ void load_settings() {
         {kLevelKey, FR_CONF_STRING, &level},
         {kFileKey, FR_CONF_STRING, &file},
     };
+    t_loading = true;
     parseconfig(QX_LOCAL_CONF, table, sizeof table / sizeof table[0]);
+    t_loading = false;
     qx::CStr level_owner(level);
     qx::CStr file_owner(file);
 
+    const int parsed = level && *level ? parse_level(level) : kDefaultLevel;
+    if (parsed < 0) {
+        g_held.push_back({kSource, __LINE__, __func__, kChannel, LOG_ERR,
+                          qx::format(kMsgUnknownLevel, level, QX_LOCAL_CONF)});
+    }
     {
         std::lock_guard<std::recursive_mutex> lock(g_out_mutex);
-        if (!g_threshold_pinned.load()) store_threshold(parse_level(level));
+        if (!g_threshold_pinned.load()) store_threshold(parsed < 0 ? kDefaultLevel : parsed);
         if (file && *file) {
             int fd = ::open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, kLogFileMode);
             if (fd >= 0) g_log_fd = fd;
         }
+    }
+    std::vector<HeldLine> held;
+    held.swap(g_held);
+    for (auto &h : held) {
+        if (h.priority <= __atomic_load_n(&fr_log_threshold, __ATOMIC_RELAXED))
+            emit(h.file.c_str(), h.line, h.func.c_str(), h.channel, h.priority, h.message);
     }
 }
 
@@ -131,6 +166,12 @@ extern "C" void fr_log_impl(const char *file, int line, const char *func, int ch
     va_list ap;
     va_start(ap, fmt);
     try {
+        if (t_loading) {
+            g_held.push_back({file ? file : "", line, func ? func : "", channel, priority,
+                              qx::vformat(fmt, ap)});
+            va_end(ap);
+            return;
+        }
         std::call_once(g_settings_once, load_settings);
         // The lazy load may just have raised the bar that FR_LOG checked against debug.
         if (priority <= __atomic_load_n(&fr_log_threshold, __ATOMIC_RELAXED)) {

@@ -113,7 +113,10 @@ typedef struct fr_conf_entry {
     int type;  /* FR_CONF_STRING: var is char**; FR_CONF_SAFESTR: safestr_t**; FR_CONF_INT: int* */
     void *var; /* filled only when the name is present; a string held before is freed */
 } fr_conf_entry;
-/* 0 when the file was read, -1 when it could not be opened. Never touches missing names. */
+/* -1 when the file cannot be opened; otherwise the number of lines that name a directive of the
+ * table but were rejected (0 when the file is clean): longer than 4096 bytes, no value, an
+ * unterminated quote, or a non-number for FR_CONF_INT. Each is logged at error priority and
+ * leaves the variable as it was; missing names are never touched. */
 int parseconfig(const char *path, const fr_conf_entry *table, size_t count);
 
 /* ---- non-blocking I/O and processes (timeouts in seconds) ------------------------------ */

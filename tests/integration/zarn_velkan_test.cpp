@@ -97,6 +97,8 @@ TEST(ZarnVelkan, HostValuesAreSplitIntoNameHostAndPort) {
         {"main:n1:n2:/run/r.sock:0", 0, "server [n1:n2] added: /run/r.sock port 0"},
         {"main:a:b:host", 1, "Failed to parse disdb host. Entry: main:a:b:host.\n"},
         {"main:a:b:h:", 1, "Failed to parse disdb host. Entry: main:a:b:h:.\n"},
+        {"main:a:b:h:80x", 1, "Failed to parse disdb host. Entry: main:a:b:h:80x.\n"},
+        {"main:a:b:h:65536", 1, "Failed to parse disdb host. Entry: main:a:b:h:65536.\n"},
         {"backup:a:b:h:1", 1, "Skiping velkan server (null) from partition backup"},
         {"Main:a:b:h:1", 1, "Skiping velkan server (null) from partition Main"},
         {"main:a:b:h:0", VK_EINVAL, ""},
@@ -120,17 +122,29 @@ TEST(ZarnVelkan, HostValuesAreSplitIntoNameHostAndPort) {
 TEST(ZarnVelkan, SyslogLevelWordsSetMaskBits) {
     const struct {
         const char *levels;
-        int mask;  // 0: nothing enabled
+        int mask;             // 0: nothing enabled
+        const char *unknown;  // the words reported as unknown, each in brackets
     } rows[] = {
-        {"ERROR|DEBUG", 0x3},  {"DEBUG|DEBUG", 0x2}, {"EVENT|NOTICE|WARNING", 0x1c},
-        {"ERROR|", 0x1},       {"error", 0},         {" ERROR", 0},
-        {"ERROR |DEBUG", 0x2}, {"VERBOSE", 0},       {"", 0},
+        {"ERROR|DEBUG", 0x3, ""},
+        {"DEBUG|DEBUG", 0x2, ""},
+        {"EVENT|NOTICE|WARNING", 0x1c, ""},
+        {"ERROR|", 0x1, ""},
+        {"error", 0, "[error]"},
+        {" ERROR", 0, "[ ERROR]"},
+        {"ERROR |DEBUG", 0x2, "[ERROR ]"},
+        {"VERBOSE||x", 0, "[VERBOSE][][x]"},
+        {"", 0, ""},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.levels);
         auto c = new_client();
         take_syslog();
+        qxtest::LogCapture log;
         EXPECT_EQ(add_vk_syslog_(c.get(), row.levels), 0);
+        std::string unknown;
+        for (const auto &l : log.lines())
+            unknown += l.substr(l.find('['), l.find(']') - l.find('[') + 1);
+        EXPECT_EQ(unknown, row.unknown);
         auto lines = take_syslog();
         std::vector<std::string> expected{std::string("Parsing syslog loglevel for libvelkan: ") +
                                           row.levels};
@@ -180,6 +194,13 @@ TEST(ZarnVelkan, SetUpFollowsTheFirstValidMainEntries) {
          {},
          "4"},
         {"empty key sets no key", main_host() + creds + "main:x::3\n", 0, {}, nullptr},
+        {"malformed numbers reported",
+         "DISDBASE_HOST main:a:b:h:99999\n" + main_host() + creds + "main:s:sandbox:2x\n" + creds +
+             "main:s:sandbox:1\n",
+         0,
+         {"Invalid DISDBASE_HOST value [main:a:b:h:99999] in ",
+          ". Invalid db number. Entry nr: 0.\n"},
+         "1"},
         {"no main host",
          "DISDBASE_HOST backup:n:c:10.9.9.9:6379\n" + creds + "main:s:sandbox:1\n",
          -1,

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "qxtest.hpp"
 #include "utils.h"
 
 namespace {
@@ -17,8 +18,10 @@ using Values = std::vector<std::optional<std::string>>;
 const auto no = std::nullopt;
 
 // Writes content to a file, reads it with the section reader (section given) or the plain
-// reader (no section), and returns the three values.
-Values read(const std::string &content, std::optional<const char *> section) {
+// reader (no section), and returns the three values; the errors logged go to *errors.
+Values read(const std::string &content, std::optional<const char *> section, std::string *errors) {
+    qxtest::LogCapture log;
+    fr_log_set_threshold(3);
     const auto path =
         std::filesystem::temp_directory_path() / ("astconf_test." + std::to_string(getpid()));
     std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
@@ -35,6 +38,8 @@ Values read(const std::string &content, std::optional<const char *> section) {
         safestr_free(v);
     }
     std::filesystem::remove(path);
+    for (const auto &l : log.lines())
+        *errors += l;
     return out;
 }
 
@@ -44,6 +49,7 @@ TEST(Astconf, SectionReaderLineRules) {
         std::string content;
         const char *section;
         Values want;
+        const char *error = "";  // fragment of the errors logged
     } rows[] = {
         {"[directories]\nastspooldir => /a\nastlibdir=/b\n", dirs, {"/a", "/b", no}},
         {"[directories]\nastspooldir => /a\nastspooldir => /b\n", dirs, {"/b", no, no}},
@@ -53,7 +59,22 @@ TEST(Astconf, SectionReaderLineRules) {
         {"  [directories](!)\nastspooldir => /a\n", dirs, {"/a", no, no}},
         {"[directories]\n # see [x]\nastspooldir => /a\n", dirs, {"/a", no, no}},
         {"[directories]\nastspooldir => /a[1]\nastlibdir => /b\n", dirs, {no, no, no}},
-        {"astspooldir => /a\nastspooldir =>\nastlibdir=  \t\n", nullptr, {"/a", no, no}},
+        {"astspooldir => /a\nastspooldir =>\nastlibdir=  \t\n",
+         nullptr,
+         {"/a", no, no},
+         "Key astspooldir on line [2] of <"},
+        {"astspooldir => /a\nastlibdir=  \t\n",
+         nullptr,
+         {"/a", no, no},
+         "Key astlibdir on line [2]"},
+        {"[directories]\nastspooldir /a\n[x]\nother\n",
+         dirs,
+         {no, no, no},
+         "Line [2] of <" /* only the wanted section */},
+        {"[directories]\n astlibdir  /a \n",
+         dirs,
+         {no, no, no},
+         "is not a key => value line: astlibdir  /a\n"},
         {"  # astspooldir => /x\n; astlibdir => /y\n", nullptr, {no, no, no}},
         {"astspooldir => /spool ; old\n", nullptr, {"/spool ; old", no, no}},
         {"a=b=>c\nAstLibDir => /a\n", nullptr, {no, no, "c"}},
@@ -61,24 +82,37 @@ TEST(Astconf, SectionReaderLineRules) {
          nullptr,
          {"/a b", std::string(5000, 'v'), no}},
     };
-    for (const auto &r : rows)
-        EXPECT_EQ(read(r.content, r.section), r.want) << r.content;
+    for (const auto &r : rows) {
+        std::string errors;
+        EXPECT_EQ(read(r.content, r.section, &errors), r.want) << r.content;
+        EXPECT_NE(errors.find(r.error), std::string::npos) << errors;
+        EXPECT_EQ(errors.empty(), !*r.error) << errors;
+        EXPECT_EQ(errors.find("[4]"), std::string::npos) << errors;
+    }
 }
 
-TEST(Astconf, PlainReaderTakesArrowsOnlyIn1023BytePieces) {
+TEST(Astconf, PlainReaderTakesArrowsOnlyInLinesOf1023Bytes) {
+    const std::string too_long = "> is longer than 1023 bytes; ignored: ";
     const struct {
         std::string content;
         Values want;
+        std::string error;  // fragment of the errors logged
     } rows[] = {
-        {"astspooldir=/srv\n[x]\nastlibdir => /b\n#astlibdir => /c\n", {no, "/b", no}},
-        {"astspooldir =>  \na=b=>c\n", {no, no, "c"}},
-        {std::string(1022, 'x') + "astlibdir => /b\n", {no, no, no}},  // key straddles the cut
-        {std::string(1023, 'x') + "astlibdir => /b\n", {no, "/b", no}},
-        {std::string(1024, 'x') + "astlibdir => /b\n", {no, no, no}},
-        {"astlibdir => " + std::string(2000, 'v'), {no, std::string(1023 - 13, 'v'), no}},
+        {"astspooldir=/srv\n[x]\nastlibdir => /b\n#astlibdir => /c\n", {no, "/b", no}, ""},
+        {"astspooldir =>  \na=b=>c\n", {no, no, "c"}, "Key astspooldir on line [1] of <"},
+        {std::string(1008, 'x') + "astlibdir => /b\n", {no, no, no}, ""},  // 1023 bytes
+        {"astlibdir => " + std::string(1010, 'v'), {no, std::string(1010, 'v'), no}, ""},
+        // The tail of a longer line is not read as a line of its own.
+        {std::string(1023, 'x') + "astlibdir => /b\n", {no, no, no}, "Line [1] of <"},
+        {"\n" + std::string(1024, 'x') + "\nastlibdir => /b", {no, "/b", no}, "Line [2] of <"},
+        {"astlibdir => " + std::string(2000, 'v'), {no, no, no}, too_long + "astlibdir => vvv"},
     };
-    for (const auto &r : rows)
-        EXPECT_EQ(read(r.content, std::nullopt), r.want) << r.content;
+    for (const auto &r : rows) {
+        std::string errors;
+        EXPECT_EQ(read(r.content, std::nullopt, &errors), r.want) << r.content.substr(0, 40);
+        EXPECT_NE(errors.find(r.error), std::string::npos) << errors;
+        EXPECT_EQ(errors.empty(), r.error.empty()) << errors;
+    }
     safestr_t *values[3] = {};
     EXPECT_EQ(get_astconf_section_values("/nonexistent", nullptr, keys, values), -1);
     EXPECT_EQ(get_astconf_values("/nonexistent", keys, values, 3), -1);

@@ -20,6 +20,7 @@
 
 #include "cxx_util.hpp"
 #include "qx_paths.h"
+#include "qxtest.hpp"
 #include "zarn_base.h"
 
 namespace {
@@ -141,11 +142,13 @@ TEST(SafeStr, KeepsEmbeddedNulAndReadsLinesOfAnyLength) {
     EXPECT_EQ(safestr_readline(fp.get()), nullptr);
 }
 
-TEST(ParseConfig, AcceptsEverySpellingAndIgnoresTheRest) {
+TEST(ParseConfig, AcceptsEverySpellingAndReportsRejectedLines) {
     const std::string longval(70000, 'v');
     struct Row {
         std::string file;
         std::optional<std::string> value;  // of KEY; nullopt: left untouched
+        int rejected = 0;
+        const char *error = "";  // fragment of the errors logged
     } rows[] = {
         {"KEY value\n", "value"},
         {"KEY = value\n", "value"},
@@ -155,17 +158,28 @@ TEST(ParseConfig, AcceptsEverySpellingAndIgnoresTheRest) {
         {"KEY \"\"\n", ""},
         {"KEY a = b\n", "a = b"},
         {"KEY first\nKEY second\n", "second"},
-        {"KEY good\nKEY\nKEY =\nKEY \"open\n", "good"},
+        {"KEY good\nKEY\nKEY =\nKEY \"open\n", "good", 3,
+         "Line [4] of <%> sets KEY with an unterminated quote; ignored.\n"},
+        {"KEY good\nKEY =\n", "good", 1, "Line [2] of <%> sets KEY without a value; ignored.\n"},
         {"# KEY commented\n   # KEY commented\n", std::nullopt},
-        {"KEYS longer name\nkey lower case\n=KEY x\n\n", std::nullopt},
-        {"OTHER 1\nKEY " + longval + "\n", longval},
+        {"KEYS longer name\nkey lower case\n=KEY x\n\nOTHER\nOTHER \"x\n", std::nullopt},
+        {"KEY " + std::string(4092, 'v') + "\n", std::string(4092, 'v')},
+        {"OTHER 1\nKEY " + std::string(4093, 'v') + "\n", std::nullopt, 1,
+         "Line [2] of <%> sets KEY on a line longer than 4096 bytes; ignored.\n"},
+        {"OTHER 1\nKEY " + longval + "\nKEY x\n", "x", 1, "longer than 4096 bytes"},
     };
     TempDir tmp;
     for (const auto &r : rows) {
         char *key = qx::c_copy("untouched");
         const fr_conf_entry table[] = {{"KEY", FR_CONF_STRING, &key}};
-        EXPECT_EQ(parseconfig(tmp.write("c.conf", r.file).c_str(), table, 1), 0);
+        const std::string path = tmp.write("c.conf", r.file);
+        qxtest::LogCapture log;
+        fr_log_set_threshold(LOG_ERR);
+        EXPECT_EQ(parseconfig(path.c_str(), table, 1), r.rejected) << r.file.substr(0, 40);
         EXPECT_STREQ(key, r.value.value_or("untouched").c_str()) << "file:\n" << r.file;
+        std::string error = r.error;
+        if (const size_t at = error.find('%'); at != std::string::npos) error.replace(at, 1, path);
+        EXPECT_EQ(log.count(error), *r.error ? 1u : log.lines().size()) << r.file.substr(0, 40);
         std::free(key);
     }
 }
@@ -182,7 +196,7 @@ TEST(ParseConfig, FillsNumbersAndCountedStringsOnlyWhenValid) {
         {"QNUM", FR_CONF_INT, &qnum}, {"ABSENT", FR_CONF_INT, &absent},
         {"SS", FR_CONF_SAFESTR, &ss},
     };
-    EXPECT_EQ(parseconfig(path.c_str(), table, std::size(table)), 0);
+    EXPECT_EQ(parseconfig(path.c_str(), table, std::size(table)), 2);  // BAD and HUGE
     EXPECT_EQ(std::vector<int>({num, neg, bad, huge, qnum, absent}),
               std::vector<int>({42, -7, 1, 2, 5, 3}));
     EXPECT_EQ(std::string(safestr_cstr(ss), safestr_length(ss)), "a b");
@@ -348,6 +362,7 @@ struct NodeSetting {
     const char *name, *level_line;
     int pinned;  // threshold the program sets before its first line, or -1
     int threshold;
+    const char *error = "";  // the line reporting a bad setting, held until the file is open
 };
 
 class LoggerStartup : public ::testing::TestWithParam<NodeSetting> {};
@@ -378,7 +393,13 @@ TEST_P(LoggerStartup, LoadsTheLevelOnceAndAppendsLinesToTheLogFile) {
     if (p.threshold >= LOG_WARNING) want += "warning 4\n";
     if (p.threshold >= LOG_ERR) want += "error\n";
     if (p.threshold == LOG_DEBUG) want += "again 2\n";
-    EXPECT_EQ(slurp(log), want);
+    std::string got = slurp(log);
+    if (*p.error) {
+        const size_t at = got.find(p.error);
+        ASSERT_NE(at, std::string::npos) << got;
+        got.erase(got.rfind('\n', at) + 1, got.find('\n', at) - got.rfind('\n', at));
+    }
+    EXPECT_EQ(got, want);
     fs::remove(log);
 }
 
@@ -390,8 +411,11 @@ INSTANTIATE_TEST_SUITE_P(
                       NodeSetting{"digit", "LOG_LEVEL 6", -1, LOG_INFO},
                       NodeSetting{"debug", "LOG_LEVEL debug", -1, LOG_DEBUG},
                       NodeSetting{"absent", "", -1, LOG_NOTICE},
-                      NodeSetting{"unknown", "LOG_LEVEL loud", -1, LOG_NOTICE},
-                      NodeSetting{"range", "LOG_LEVEL 9", -1, LOG_NOTICE},
+                      NodeSetting{"unknown", "LOG_LEVEL loud", -1, LOG_NOTICE,
+                                  "Unknown LOG_LEVEL [loud] in <" QX_LOCAL_CONF ">"},
+                      NodeSetting{"range", "LOG_LEVEL 9", -1, LOG_NOTICE, "LOG_LEVEL [9]"},
+                      NodeSetting{"quote", "LOG_LEVEL \"err", -1, LOG_NOTICE,
+                                  "sets LOG_LEVEL with an unterminated quote; ignored."},
                       NodeSetting{"pinned", "LOG_LEVEL err", LOG_INFO, LOG_INFO}),
     [](const auto &info) { return std::string(info.param.name); });
 

@@ -1,0 +1,121 @@
+// Helpers shared by the libFuzzer targets: a reader over the fuzz input, a private scratch
+// directory, a quiet logger that counts error lines, and property checks that abort so that
+// libFuzzer keeps the input.
+#pragma once
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <string_view>
+
+#include "zarn_base.h"
+
+#define FUZZ_CHECK(cond)                                                                      \
+    do {                                                                                      \
+        if (!(cond)) {                                                                        \
+            std::fprintf(stderr, "property failed: %s (%s:%d)\n", #cond, __FILE__, __LINE__); \
+            std::abort();                                                                     \
+        }                                                                                     \
+    } while (0)
+
+namespace fuzz {
+
+// Takes the input front to back; running out yields zeros and empty strings.
+class Input {
+  public:
+    Input(const uint8_t *data, size_t size) : p_(reinterpret_cast<const char *>(data)), n_(size) {}
+    uint8_t byte() { return n_ ? (--n_, static_cast<uint8_t>(*p_++)) : 0; }
+    int64_t i64() {
+        uint64_t v = 0;
+        for (int i = 0; i < 8; ++i)
+            v = (v << 8) | byte();
+        return static_cast<int64_t>(v);
+    }
+    // A string of up to max bytes, its length taken from the next byte.
+    std::string str(size_t max = 255) {
+        size_t len = byte() % (max + 1);
+        len = len < n_ ? len : n_;
+        std::string s(p_, len);
+        p_ += len, n_ -= len;
+        return s;
+    }
+    std::string rest() {
+        std::string s(p_, n_);
+        p_ += n_, n_ = 0;
+        return s;
+    }
+
+  private:
+    const char *p_;
+    size_t n_;
+};
+
+// A directory of this process, made once; files in it are overwritten on every run.
+inline const std::string &scratch() {
+    static const std::string dir = [] {
+        char tmpl[] = "/tmp/qxfuzz.XXXXXX";
+        return std::string(mkdtemp(tmpl) ? tmpl : "/tmp");
+    }();
+    return dir;
+}
+
+inline std::string write_file(const std::string &path, std::string_view content) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc).write(content.data(), content.size());
+    return path;
+}
+
+inline std::string scratch_file(const std::string &name, std::string_view content) {
+    return write_file(scratch() + "/" + name, content);
+}
+
+// Error lines (priority 3 or more severe) logged since the last call to quiet_log().
+inline int &errors_logged() {
+    static int n = 0;
+    return n;
+}
+
+// Keeps the logger off syslog and counts its error lines instead.
+inline void quiet_log() {
+    errors_logged() = 0;
+    fr_log_set_threshold(3);
+    fr_log_set_sink([](const char *, int, const char *, int, int prio, const char *,
+                       void *) { errors_logged() += prio <= 3; },
+                    nullptr);
+}
+
+inline bool contains(std::string_view hay, std::string_view needle) {
+    return hay.find(needle) != std::string_view::npos;
+}
+
+// Standard base64 without line breaks; false on anything else.
+inline bool base64_decode(std::string_view in, std::string &out) {
+    static const std::string_view alphabet =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    out.clear();
+    if (in.size() % 4) return false;
+    for (size_t i = 0; i < in.size(); i += 4) {
+        uint32_t v = 0;
+        int pad = 0;
+        for (size_t j = 0; j < 4; ++j) {
+            const char c = in[i + j];
+            size_t at = alphabet.find(c);
+            if (c == '=' && j >= 2 && i + 4 == in.size()) {
+                ++pad, at = 0;
+            } else if (at == std::string_view::npos || pad) {
+                return false;
+            }
+            v = (v << 6) | static_cast<uint32_t>(at);
+        }
+        out += static_cast<char>(v >> 16);
+        if (pad < 2) out += static_cast<char>((v >> 8) & 0xff);
+        if (pad < 1) out += static_cast<char>(v & 0xff);
+    }
+    return true;
+}
+
+}  // namespace fuzz
