@@ -614,9 +614,16 @@ TEST_F(Storage, LoadsSettingsAndReportsValuesItCannotUse) {
             StorageConf conf(c.conf);
             EXPECT_EQ(qx_storage_load_config(base_.c_str(), nullptr), c.rc);
         }
-        const std::string named = std::string("Invalid ") + (c.bad ? c.bad : "");
+        // The configuration reader itself rejects a line too long to be a path.
+        const bool overlong = c.conf.size() > 4096;
+        const std::string named = overlong
+                                      ? std::string("of <") + QX_STORAGE_CONF + "> sets " + c.bad
+                                      : std::string("Invalid ") + (c.bad ? c.bad : "") + " value";
         EXPECT_EQ(log.contains_at(3, named), c.bad != nullptr);
-        EXPECT_EQ(log.contains(std::string("in <") + QX_STORAGE_CONF + ">: "), c.bad != nullptr);
+        if (!overlong) {
+            EXPECT_EQ(log.contains(std::string("in <") + QX_STORAGE_CONF + ">: "),
+                      c.bad != nullptr);
+        }
         int cache = 0, trash = 0, upload = 0;
         qx_storage_get_intervals(&cache, &trash, &upload);
         EXPECT_EQ(std::make_tuple(cache, trash, upload),
