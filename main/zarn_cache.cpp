@@ -16,6 +16,8 @@
 #include <cstring>
 #include <initializer_list>
 #include <optional>
+#include <atomic>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -184,11 +186,25 @@ std::string sql_escape(const char *s) {
     return out;
 }
 
-// Double-checked creation of the client; the hooks mark where a real lock would go.
+// The handle is replaced at run time by the storage module's re-initialisation (which never
+// frees a client it replaces), so every read and write of it is atomic; the lock hooks are
+// empty by design and cannot order them.
+vk_client_t *current_client() {
+    return std::atomic_ref<vk_client_t *>(g_cache).load(std::memory_order_acquire);
+}
+
+// Two threads must not both create the client: one of the two would be lost half in use.
+std::mutex g_create_lock;
+
 void ensure_client() {
-    if (g_cache) return;
+    if (current_client()) return;
+    std::lock_guard<std::mutex> lock(g_create_lock);
     ast_cache_wrlock();
-    if (!g_cache) ast_vk_init(&g_cache);
+    if (!current_client()) {
+        vk_client_t *fresh = nullptr;
+        ast_vk_init(&fresh);
+        if (fresh) std::atomic_ref<vk_client_t *>(g_cache).store(fresh, std::memory_order_release);
+    }
     ast_cache_unlock();
 }
 
@@ -197,7 +213,8 @@ template <class F>
 int with_handle(int persistent, F &&call) {
     ensure_client();
     ast_cache_rdlock();
-    const int rc = g_cache ? call(persistent ? g_cache : vk_client_secondary(g_cache)) : kNoClient;
+    vk_client_t *client = current_client();
+    const int rc = client ? call(persistent ? client : vk_client_secondary(client)) : kNoClient;
     ast_cache_unlock();
     return rc;
 }
@@ -237,7 +254,8 @@ int cache_exists(const std::string &key) {
     ast_cache_rdlock();
     // Existence is always asked on the persistent handle; without a client the answer is
     // "exists", so that the write is attempted and its own failure is logged.
-    const int rc = g_cache ? vk_exists(g_cache, key.data(), key.size()) : kNoClient;
+    vk_client_t *client = current_client();
+    const int rc = client ? vk_exists(client, key.data(), key.size()) : kNoClient;
     ast_cache_unlock();
     CACHE_LOG(kMsgExists, key.c_str(), rc);
     return rc;

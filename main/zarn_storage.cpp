@@ -299,7 +299,8 @@ bool queue_member(const char *key_fmt, const char *ok_msg, const char *err_msg,
     std::optional<int> done;
     {
         std::shared_lock lock(g_client_lock);
-        if (*ast_cache_handle()) done = zadd();
+        if (std::atomic_ref<vk_client_t *>(*ast_cache_handle()).load(std::memory_order_acquire))
+            done = zadd();
     }
     // Without a client the call creates one, which must not happen on two threads at once.
     if (!done) {
@@ -752,10 +753,11 @@ int qx_storage_initialize(const char *base_dir, const char *monitor_dir) {
     const int rc = ast_vk_init(&fresh);
     if (fresh) {
         std::unique_lock lock(g_client_lock);
-        vk_client_t **handle = ast_cache_handle();
+        // Lookups of other modules read the handle without this lock, atomically.
+        std::atomic_ref<vk_client_t *> handle(*ast_cache_handle());
         ast_cache_wrlock();
-        if (*handle) retire_cache_client(*handle);
-        *handle = fresh;
+        if (vk_client_t *old = handle.load(std::memory_order_acquire)) retire_cache_client(old);
+        handle.store(fresh, std::memory_order_release);
         ast_cache_unlock();
     }
     if (rc != 0) {

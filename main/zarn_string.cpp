@@ -400,8 +400,7 @@ char *get_nodeid(void) {
     size_t len = std::strlen(buf);
     while (len > 0 && static_cast<unsigned char>(buf[len - 1]) <= 32)
         --len;
-    // A file holding only white space names no node.
-    if (len == 0) return nullptr;
+    // A first line of blanks is an empty node id, which is not the same as no file at all.
     return qx::c_copy(std::string_view(buf, len));
 }
 

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -8,6 +9,7 @@
 #include <tuple>
 #include <vector>
 
+#include "qx_paths.h"
 #include "zarn_string.h"
 
 namespace {
@@ -190,3 +192,39 @@ TEST(ZarnString, MailHeaderFoldsIntoWordsThatDecodeBack) {
 }
 
 }  // namespace
+
+TEST(ZarnString, NodeIdIsTheFirstLineWithoutTrailingBlanks) {
+    const std::string file = QX_NODEID_FILE;
+    struct Row {
+        std::optional<std::string> content;  // nullopt: no file
+        std::optional<std::string> id;
+    } rows[] = {
+        {"node7 \t\nsecond\n", "node7"},
+        {" \t\n", ""},  // blank, but a node id file is there
+        {std::nullopt, std::nullopt},
+    };
+    const std::string dir = file.substr(0, file.rfind('/'));
+    ASSERT_EQ(std::system(("mkdir -p '" + dir + "'").c_str()), 0);
+    // The node's own id goes back in place afterwards.
+    char *saved = get_nodeid();
+    for (const Row &r : rows) {
+        std::remove(file.c_str());
+        if (r.content) {
+            FILE *fp = std::fopen(file.c_str(), "w");
+            ASSERT_TRUE(fp);
+            std::fputs(r.content->c_str(), fp);
+            std::fclose(fp);
+        }
+        char *got = get_nodeid();
+        EXPECT_EQ(got ? std::optional<std::string>(got) : std::nullopt, r.id);
+        std::free(got);
+    }
+    std::remove(file.c_str());
+    if (saved) {
+        FILE *fp = std::fopen(file.c_str(), "w");
+        ASSERT_TRUE(fp);
+        std::fprintf(fp, "%s\n", saved);
+        std::fclose(fp);
+        std::free(saved);
+    }
+}
