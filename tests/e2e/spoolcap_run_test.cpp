@@ -10,6 +10,9 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <optional>
+#include <thread>
 #include <array>
 #include <cstdio>
 #include <iterator>
@@ -734,6 +737,159 @@ TEST(SpoolcapFaults, AnUnusableQuotaRootWritesNothingAndSaysWhy) {
     EXPECT_FALSE(fs::exists(t.dir[t.r]));
     ConfFile strict("/etc/quorvex/local.conf", "QUOTA_STRICT_REFRESH yes\n");
     EXPECT_EQ(bounded({"-A", "set", "-q", "-u", str(t.r)}).status, 5);
+}
+
+// A wide platform (one reseller, 10 clients of 10 users, a sound file each) whose quota files
+// all hold an old value that any refresh recomputes, for faults that strike in the middle of a
+// run.
+struct WideTree {
+    static constexpr const char *kOld = "7.1000";
+    int r = 0;
+    std::vector<int> clients;
+    std::map<int, std::vector<int>> users;
+    std::map<std::string, std::string> exact;  // quota file -> what a whole refresh writes
+
+    WideTree() {
+        std::vector<int> ids;
+        while (ids.size() < 112) {
+            const int base = fresh_block();
+            for (int i = 0; i < 10; ++i)
+                ids.push_back(base + i);
+        }
+        r = ids[0];
+        qxtest::add_account(ids[111], 0, 0);
+        qxtest::add_account(r, ids[111], 10);
+        const std::string rdir = quota_root() + "/" + str(r);
+        long long total = 0;
+        for (int c = 0; c < 10; ++c) {
+            const int client = ids[1 + c * 11];
+            clients.push_back(client);
+            qxtest::add_account(client, r, 50);
+            long long sum = 0;
+            for (int u = 0; u < 10; ++u) {
+                const int user = ids[2 + c * 11 + u];
+                users[client].push_back(user);
+                qxtest::add_account(user, client, 100);
+                qxtest::write_file(sounds_dir(user) + "/s.wav", 100 + u);
+                expect(rdir + "/" + str(client) + "/" + str(user), {0, 100 + u, 0, 0, 0});
+                sum += 100 + u;
+            }
+            expect(rdir + "/" + str(client), {0, sum, 0, 0, 0});
+            total += sum;
+        }
+        expect(rdir, {0, total, 0, 0, 0});
+    }
+    void expect(const std::string &dir, const Usage &u) {
+        fs::create_directories(dir);
+        for (int k = 0; k < kKinds; ++k) {
+            const std::string f = dir + "/" + kKindFiles[k] + ".quota";
+            put(f, kOld);
+            std::remove((f + ".dirty").c_str());
+            exact[f] = std::to_string(u[k]) + ".0";
+        }
+    }
+    bool written() const {
+        for (const auto &[f, want] : exact)
+            if (content(f) == want) return true;
+        return false;
+    }
+    // How many files are exact, old and dirty; any other state fails the test.
+    std::array<int, 3> states() const {
+        std::array<int, 3> n{};
+        for (const auto &[f, want] : exact) {
+            const std::string now = content(f);
+            const int state = now == want ? 0 : dirty(f) ? 2 : 1;
+            EXPECT_TRUE(state != 1 || now == kOld) << f << " holds " << now;
+            ++n[state];
+        }
+        return n;
+    }
+};
+
+TEST(SpoolcapFaults, ADatabaseThatHangsOrDiesMidRunEndsItAndLosesNothing) {
+    for (int sig : {SIGSTOP, SIGKILL}) {
+        SCOPED_TRACE(sig == SIGSTOP ? "stopped" : "killed");
+        // The sandbox trades durability for speed; the platform must survive the crash.
+        qxtest::sql("SET GLOBAL innodb_flush_log_at_trx_commit = 1");
+        WideTree t;
+        const auto started = std::chrono::steady_clock::now();
+        double seconds = 0;
+        {
+            ConfFile timeouts("/etc/quorvex/sqldbase.conf",
+                              "DB_READ_TIMEOUT 2\nDB_CONNECT_TIMEOUT 1\nMASTER_DOWN_TIME 60\n");
+            const std::string spoolcap = QX_SPOOLCAP, uid = str(t.r);
+            const pid_t pid = fork();
+            ASSERT_GE(pid, 0);
+            if (pid == 0) {
+                execl(spoolcap.c_str(), spoolcap.c_str(), "-A", "set", "-q", "-f", "-u",
+                      uid.c_str(), nullptr);
+                _exit(127);
+            }
+            // Strike once the run has written something, while most of it is still ahead.
+            while (!t.written() && waitpid(pid, nullptr, WNOHANG) == 0) {
+            }
+            std::optional<qxtest::StoppedDatabase> fault(std::in_place, sig);
+            int status = 0;
+            for (int i = 0; i < 600 && waitpid(pid, &status, WNOHANG) == 0; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            seconds =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+            if (kill(pid, SIGKILL) == 0) waitpid(pid, &status, 0);
+            EXPECT_TRUE(WIFEXITED(status)) << "the run did not end in 60 s";
+            fault.reset();
+        }
+        const auto n = t.states();
+        EXPECT_GT(n[2], 0) << "the fault struck after the run, or nothing was marked";
+        std::cerr << "[ info     ] run ended after " << seconds << " s; files exact " << n[0]
+                  << ", untouched " << n[1] << ", dirty " << n[2] << "\n";
+        auto r = qxtest::spoolcap({"-A", "set", "-q", "-u", str(t.r)});
+        EXPECT_EQ(r.status, 0) << r.err;
+        for (const auto &[f, want] : t.exact) {
+            EXPECT_EQ(content(f), want) << f;
+            EXPECT_FALSE(dirty(f)) << f;
+        }
+    }
+}
+
+TEST(SpoolcapFaults, ForcedRefreshesRacingFastUpdatesLeaveOnlyValidRecords) {
+    Tree t = make_tree();
+    ASSERT_EQ(qxtest::spoolcap({"-A", "set", "-q", "-u", str(t.r)}).status, 0);
+    std::vector<pid_t> pids;
+    const std::string spoolcap = QX_SPOOLCAP, uid = str(t.r);
+    for (int w = 0; w < 6; ++w) {
+        const pid_t pid = fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0 && w < 2) {
+            for (int i = 0; i < 5; ++i) {
+                const pid_t run = fork();
+                if (run == 0) {
+                    execl(spoolcap.c_str(), spoolcap.c_str(), "-A", "set", "-q", "-f", "-u",
+                          uid.c_str(), nullptr);
+                    _exit(127);
+                }
+                waitpid(run, nullptr, 0);
+            }
+            _exit(0);
+        }
+        if (pid == 0) {
+            qx_sql_pool_init();
+            const int users[] = {t.u1, t.u2, t.u3};
+            for (int i = 0; i < 300; ++i)
+                quota_update(users[i % 3], i % kKinds, i % 2 ? 7 : -3, 30);
+            _exit(0);
+        }
+        pids.push_back(pid);
+    }
+    for (pid_t pid : pids)
+        waitpid(pid, nullptr, 0);
+    for (const auto &f : t.files()) {
+        const std::string now = content(f);
+        const size_t dot = now.find('.');
+        const bool valid = dot != std::string::npos && dot > 0 &&
+                           now.find_first_not_of("0123456789.") == std::string::npos;
+        EXPECT_TRUE(valid || dirty(f)) << f << " holds " << now;
+    }
+    expect_repaired(t, true);
 }
 
 }  // namespace

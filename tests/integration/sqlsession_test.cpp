@@ -68,30 +68,6 @@ std::string connection_id(SessionHandle *sess) {
     return query_value(sess, "SELECT CONNECTION_ID()").value_or("failed");
 }
 
-// Stops the sandbox's server for its lifetime, the way a hung database looks to a client.
-class StoppedServer {
-  public:
-    StoppedServer()
-        : pid_(std::stoi(
-              qxtest::read_file(qxtest::root() + "/var/sandbox/mysqld.pid").value_or("0"))) {
-        if (pid_ <= 0 || kill(pid_, SIGSTOP) != 0) return;
-        // The signal reaches the server's threads asynchronously.
-        const std::string stat = "/proc/" + std::to_string(pid_) + "/stat";
-        for (int i = 0; i < 100; ++i) {
-            const std::string text = qxtest::read_file(stat).value_or("");
-            if (text.find(") T ") != std::string::npos) break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    }
-    ~StoppedServer() {
-        if (pid_ > 0) kill(pid_, SIGCONT);
-    }
-    bool stopped() const { return pid_ > 0; }
-
-  private:
-    int pid_;
-};
-
 class SqlSessionTest : public ::testing::Test {
   protected:
     void TearDown() override { qx_sql_pool_destroy(); }
@@ -385,7 +361,7 @@ TEST_F(SqlSessionTest, StalledMasterIsAvoidedForTheDownTimeThenTriedAgain) {
     ASSERT_NE(nullptr, held);
     qxtest::LogCapture log;
     {
-        StoppedServer stopped;
+        qxtest::StoppedDatabase stopped;
         ASSERT_TRUE(stopped.stopped());
         EXPECT_EQ(std::nullopt, query_value(held, "SELECT 1"));
         // Timed out once; no reconnect that would wait on the stalled server again.

@@ -10,6 +10,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <thread>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -69,7 +73,15 @@ bool query(const std::string &statement, std::vector<Row> *rows) {
     std::lock_guard lock(g_mutex);
     MYSQL *m = admin_connection();
     if (!m) return false;
-    if (mysql_real_query(m, statement.data(), statement.size()) != 0) {
+    // A test may have restarted the server under this connection.
+    if (mysql_real_query(m, statement.data(), statement.size()) != 0 &&
+        (mysql_errno(m) == 2006 || mysql_errno(m) == 2013)) {
+        mysql_close(m);
+        g_mysql = nullptr;
+        if (!(m = admin_connection())) return false;
+        mysql_real_query(m, statement.data(), statement.size());
+    }
+    if (mysql_errno(m) != 0) {
         ADD_FAILURE() << "SQL failed: " << statement << ": " << mysql_error(m);
         return false;
     }
@@ -172,6 +184,34 @@ void ensure_sandbox() {
         if (!ok) ADD_FAILURE() << "sandbox did not start: " << r.out << r.err;
     });
     ASSERT_TRUE(ok) << "the sandbox is not running";
+}
+
+StoppedDatabase::StoppedDatabase(int sig)
+    : pid_(std::atoi(read_file(root() + "/var/sandbox/mysqld.pid").value_or("0").c_str())),
+      sig_(sig) {
+    if (pid_ <= 0 || kill(pid_, sig) != 0) {
+        pid_ = 0;
+        return;
+    }
+    // The signal reaches the server's threads asynchronously.
+    const std::string stat = "/proc/" + std::to_string(pid_) + "/stat";
+    for (int i = 0; i < 100; ++i) {
+        const std::string text = read_file(stat).value_or("");
+        if (text.empty() || text.find(") T ") != std::string::npos) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+}
+
+StoppedDatabase::~StoppedDatabase() {
+    if (pid_ <= 0) return;
+    if (sig_ == SIGSTOP) {
+        kill(pid_, SIGCONT);
+        return;
+    }
+    for (int i = 0; i < 500 && kill(pid_, 0) == 0; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    RunResult r = run({std::string(QX_SOURCE_DIR) + "/scripts/sandbox", "start", root()});
+    if (r.status != 0) ADD_FAILURE() << "sandbox did not restart: " << r.out << r.err;
 }
 
 ::testing::Environment *register_sandbox() {

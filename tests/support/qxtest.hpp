@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -86,6 +88,20 @@ struct RunResult {
 RunResult run(const std::vector<std::string> &argv, const std::string &input = "");
 // Runs the built spoolcap with the given arguments.
 RunResult spoolcap(const std::vector<std::string> &args);
+
+// Stops the sandbox's MariaDB with sig (SIGSTOP: a hung server, SIGKILL: a crashed one) for its
+// lifetime. A stopped server is continued, a killed one started again.
+class StoppedDatabase {
+  public:
+    explicit StoppedDatabase(int sig = SIGSTOP);
+    ~StoppedDatabase();
+    StoppedDatabase(const StoppedDatabase &) = delete;
+    StoppedDatabase &operator=(const StoppedDatabase &) = delete;
+    bool stopped() const { return pid_ > 0; }
+
+  private:
+    int pid_, sig_;
+};
 
 // Reads a whole file; nullopt when it cannot be read.
 std::optional<std::string> read_file(const std::string &path);
