@@ -1224,7 +1224,7 @@ int fast_update_file(const char *path, long long delta, int wait) {
 }
 
 int fast_update(int kind, long long delta, int wait, int reseller_id, int client_id, int owner_id) {
-    if (reseller_id < 1 || !valid_kind(kind)) return -1;
+    if (reseller_id < 1 || !valid_kind(kind) || !settings().usable) return -1;
     // Deepest first: the account's own file is the one its caller checks next.
     if (client_id != 0 && owner_id != 0)
         fast_update_file(owner_qpath(kind, reseller_id, client_id, owner_id).c_str(), delta, wait);
@@ -1265,7 +1265,7 @@ int check_level(const std::string &path, long long limit, int account_id, int le
 
 int verify_disk(int kind, int reseller_id, int client_id, int owner_id, long long reseller_limit,
                 long long client_limit, long long owner_limit) {
-    if (reseller_id < 1 || !valid_kind(kind)) return -1;
+    if (reseller_id < 1 || !valid_kind(kind) || !settings().usable) return -1;
     if (client_id != 0 && owner_id != 0) {
         int full = check_level(owner_qpath(kind, reseller_id, client_id, owner_id), owner_limit,
                                owner_id, kLevelOwner);
