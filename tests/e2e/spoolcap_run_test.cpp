@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <optional>
 #include <thread>
 #include <array>
@@ -193,7 +194,7 @@ std::set<std::string> rewritten(const std::vector<std::string> &files) {
 std::string body(const Usage &u) {
     long long total = 0;
     for (long long v : u)
-        total += v > 0 ? v : 0;
+        if (v > 0 && __builtin_add_overflow(total, v, &total)) total = LLONG_MAX;
     std::string out = std::to_string(total) + " bytes\n";
     for (int k = 0; k < kKinds; ++k) {
         out += std::string("\t") + kKindLabels[k] + "\t\t" +
@@ -720,8 +721,7 @@ TEST(SpoolcapFaults, HugeValuesSaturateAndOverlongRecordsAreUnreadable) {
     shown[0] = -1;
     shown[1] = std::stoll(max);
     auto r = bounded({"-A", "show", "-u", str(t.r)});
-    EXPECT_EQ(r.out.substr(0, r.out.find('\n')), block(t.r, max + " bytes"));
-    EXPECT_EQ(r.out, block(t.r, body(shown).replace(0, body(shown).find('\n'), max + " bytes")));
+    EXPECT_EQ(r.out, block(t.r, body(shown)));  // the total saturates too
 }
 
 TEST(SpoolcapFaults, AnUnusableQuotaRootWritesNothingAndSaysWhy) {
