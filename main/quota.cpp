@@ -35,6 +35,7 @@
 
 #include "cxx_util.hpp"
 #include "qx_paths.h"
+#include "quota_refresh.hpp"
 #include "sql_util.hpp"
 #include "utils.h"
 #include "zarn_base.h"
@@ -863,6 +864,61 @@ void abandon_account(const char *id, int kind, const std::string &dir, const cha
         mark_dirty(kind_file(dir, k));
 }
 
+// The account's own files, over its children's files as they are now. current receives each
+// value written. -1 only when the files could not be owned by asterisk.
+int refresh_own_files(const char *id, const char *parent_id, const char *grandparent_id, int level,
+                      int kind, const std::string &dir, int force, long long &current,
+                      RefreshFaults &faults) {
+    const int first = kind == kKindAll ? 0 : kind;
+    const int last = kind == kKindAll ? kKindCount - 1 : kind;
+    bool dirs_tried = false;
+    bool dirs_ready = false;
+    for (int k = first; k <= last; ++k) {
+        const std::string path = kind_file(dir, k);
+        if (force < 1 && !is_dirty(path.c_str()) && rev_in_range(path.c_str(), current)) continue;
+
+        std::string cause;
+        long long own = 0;
+        bool exact = own_usage(k, level, id, parent_id, grandparent_id, own, cause);
+        long long children = 0;
+        if (exact && level <= kLevelWithChildren)
+            child_sum(id, k, dir.c_str(), children, exact, cause);
+        if (!exact) {
+            ++faults.count;
+            FR_LOG(kSrc, kLogChannel, kLogError, kNotRefreshedFmt, kSrc, __LINE__, id,
+                   kKindNames[k], cause.c_str());
+            mark_dirty(path);
+            continue;
+        }
+        current = saturating_add(own, children);
+
+        uid_t uid;
+        gid_t gid;
+        if (!owner_ids(uid, gid)) {
+            ++faults.count;
+            FR_LOG(kSrc, kLogChannel, kLogError, kNotRefreshedFmt, kSrc, __LINE__, id,
+                   kKindNames[k], "user or group asterisk not found");
+            return -1;
+        }
+        // One directory for all kinds of the account: create it once.
+        if (!dirs_tried) {
+            dirs_tried = true;
+            dirs_ready = create_dirs(dir.c_str(), kDirMode, uid, gid) == 0;
+            if (!dirs_ready) {
+                const int err = errno;
+                log_file_error(__LINE__, "create quota directory", dir, err);
+            }
+        }
+        bool opened;
+        if (dirs_ready && write_quota(path, current, 0, opened)) {
+            unset_dirty(path.c_str());
+        } else {
+            ++faults.count;
+        }
+    }
+    return 0;
+}
+
 int walk_subtree(const char *id, const char *parent_id, const char *grandparent_id, int level,
                  int kind, std::string &dir, long long *total_out, int force, long long *scratch,
                  RefreshFaults &faults) {
@@ -926,54 +982,56 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
         }
     }
     dir.resize(base);
+    return refresh_own_files(id, parent_id, grandparent_id, level, kind, dir, force, current,
+                             faults);
+}
 
-    const int first = kind == kKindAll ? 0 : kind;
-    const int last = kind == kKindAll ? kKindCount - 1 : kind;
-    bool dirs_tried = false;
-    bool dirs_ready = false;
-    for (int k = first; k <= last; ++k) {
-        const std::string path = kind_file(dir, k);
-        if (force < 1 && !is_dirty(path.c_str()) && rev_in_range(path.c_str(), current)) continue;
+// What a refresh target's walk starts from.
+struct Target {
+    qx::CStr id;
+    qx::CStr parent_str;
+    qx::CStr grandparent_str;
+    std::string dir;
+    int level = -1;
+    int parent = 0;
+    int grandparent = 0;
+};
 
-        std::string cause;
-        long long own = 0;
-        bool exact = own_usage(k, level, id, parent_id, grandparent_id, own, cause);
-        long long children = 0;
-        if (exact && level <= kLevelWithChildren)
-            child_sum(id, k, dir.c_str(), children, exact, cause);
-        if (!exact) {
-            ++faults.count;
-            FR_LOG(kSrc, kLogChannel, kLogError, kNotRefreshedFmt, kSrc, __LINE__, id,
-                   kKindNames[k], cause.c_str());
-            mark_dirty(path);
-            continue;
-        }
-        current = saturating_add(own, children);
-
-        uid_t uid;
-        gid_t gid;
-        if (!owner_ids(uid, gid)) {
-            ++faults.count;
-            FR_LOG(kSrc, kLogChannel, kLogError, kNotRefreshedFmt, kSrc, __LINE__, id,
-                   kKindNames[k], "user or group asterisk not found");
-            return -1;
-        }
-        // One directory for all kinds of the account: create it once.
-        if (!dirs_tried) {
-            dirs_tried = true;
-            dirs_ready = create_dirs(dir.c_str(), kDirMode, uid, gid) == 0;
-            if (!dirs_ready) {
-                const int err = errno;
-                log_file_error(__LINE__, "create quota directory", dir, err);
-            }
-        }
-        bool opened;
-        if (dirs_ready && write_quota(path, current, 0, opened)) {
-            unset_dirty(path.c_str());
-        } else {
-            ++faults.count;
-        }
+// 0, or the failure the refresh reports: -1 without a session, -2 when the target is unknown,
+// or the error of the grandparent lookup.
+int look_up(int account_id, Target &t) {
+    qx::SessionGuard sess;
+    if (!sess) {
+        FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+        return -1;
     }
+    t.id.reset(ast_pad_id(account_id, kIdWidth));
+    if (!t.id) return -2;
+    char *text = nullptr;
+    if (get_parid_level(sess.get(), account_id, &t.parent, &text, &t.level, nullptr) != 0)
+        return -2;
+    t.parent_str.reset(text);
+
+    switch (t.level) {
+        case kLevelReseller:
+            t.dir = reseller_qpath(kKindAll, account_id);
+            break;
+        case kLevelClient:
+            if (t.parent >= 1) t.dir = client_qpath(kKindAll, t.parent, account_id);
+            break;
+        case kLevelOwner: {
+            char *gtext = nullptr;
+            int rc = get_parentid(sess.get(), t.parent, &t.grandparent, &gtext);
+            if (rc != 0) return rc;
+            t.grandparent_str.reset(gtext);
+            if (t.grandparent >= 1)
+                t.dir = owner_qpath(kKindAll, t.grandparent, t.parent, account_id);
+            break;
+        }
+        default:
+            break;
+    }
+    if (t.level == kLevelReseller && account_id < 1) t.dir.clear();
     return 0;
 }
 
@@ -981,53 +1039,102 @@ int slow_refresh(int account_id, int kind, long long *total, int force, long lon
     if (kind < 0 || kind > kKindAll) return -1;
     UmaskGuard umask_guard;
 
-    std::string dir;
-    qx::CStr id;
-    qx::CStr parent_str;
-    qx::CStr grandparent_str;
-    int level = -1;
-    {
-        qx::SessionGuard sess;
-        if (!sess) {
-            FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
-            return -1;
-        }
-        id.reset(ast_pad_id(account_id, kIdWidth));
-        if (!id) return -2;
-        int parent = 0;
-        char *text = nullptr;
-        if (get_parid_level(sess.get(), account_id, &parent, &text, &level, nullptr) != 0)
-            return -2;
-        parent_str.reset(text);
-
-        switch (level) {
-            case kLevelReseller:
-                dir = reseller_qpath(kKindAll, account_id);
-                break;
-            case kLevelClient:
-                if (parent >= 1) dir = client_qpath(kKindAll, parent, account_id);
-                break;
-            case kLevelOwner: {
-                int grandparent = 0;
-                char *gtext = nullptr;
-                int rc = get_parentid(sess.get(), parent, &grandparent, &gtext);
-                if (rc != 0) return rc;
-                grandparent_str.reset(gtext);
-                if (grandparent >= 1) dir = owner_qpath(kKindAll, grandparent, parent, account_id);
-                break;
-            }
-            default:
-                break;
-        }
-        if (level == kLevelReseller && account_id < 1) dir.clear();
-    }
+    Target t;
+    const int rc = look_up(account_id, t);
+    if (rc != 0) return rc;
     RefreshFaults faults;
     // Only lookup failures are the caller's business; a walk that stops early still ran,
     // unless the node asked for every fault to count.
-    walk_subtree(id.get(), parent_str.get(), grandparent_str.get(), level, kind, dir, total, force,
-                 scratch, faults);
+    walk_subtree(t.id.get(), t.parent_str.get(), t.grandparent_str.get(), t.level, kind, t.dir,
+                 total, force, scratch, faults);
     return faults.count > 0 && settings().strict ? -1 : 0;
 }
+
+const char *text_or_null(const std::optional<std::string> &s) {
+    return s ? s->c_str() : nullptr;
+}
+
+std::optional<std::string> copy_or_none(const char *s) {
+    if (!s) return std::nullopt;
+    return std::string(s);
+}
+
+}  // namespace
+
+namespace qx::refresh {
+
+int look_up_target(int account_id, int force, Account &out, std::vector<int> &ancestors) {
+    Target t;
+    const int rc = look_up(account_id, t);
+    if (rc != 0) return rc;
+    out.id = copy_or_none(t.id.get());
+    out.parent = copy_or_none(t.parent_str.get());
+    out.grandparent = copy_or_none(t.grandparent_str.get());
+    out.dir = t.dir;
+    out.level = t.level;
+    out.force = force;
+    ancestors.clear();
+    if (t.parent > 0) ancestors.push_back(t.parent);
+    if (t.grandparent > 0) ancestors.push_back(t.grandparent);
+    return 0;
+}
+
+bool children_of(const Account &account, std::vector<Account> &out) {
+    out.clear();
+    if (account.dir.empty() || !account.id || account.level > kLevelWithChildren) return false;
+    qx::SessionGuard sess;
+    if (!sess) return false;
+    qx::Result result;
+    if (!query_rows(sess, "quota_update_subtree", __LINE__, result, account.id->c_str(), true))
+        return false;
+    std::string base = account.dir;
+    if (base.back() != '/') base.push_back('/');
+    while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+        if (!row[0] || !row[1]) return false;
+        Account child;
+        child.id = row[0];
+        child.parent = account.id;
+        child.grandparent = account.parent;
+        child.level = to_int(row[1]);
+        child.force = account.force - 1;
+        child.dir = base;
+        append_component(child.dir, 0, row[0], false);
+        out.push_back(std::move(child));
+    }
+    return true;
+}
+
+int walk(const Account &account, int kind) {
+    RefreshFaults faults;
+    std::string dir = account.dir;
+    long long scratch = 0;
+    walk_subtree(text_or_null(account.id), text_or_null(account.parent),
+                 text_or_null(account.grandparent), account.level, kind, dir, nullptr,
+                 account.force, &scratch, faults);
+    return faults.count;
+}
+
+int refresh_own(const Account &account, int kind) {
+    RefreshFaults faults;
+    long long current = 0;
+    refresh_own_files(text_or_null(account.id), text_or_null(account.parent),
+                      text_or_null(account.grandparent), account.level, kind, account.dir,
+                      account.force, current, faults);
+    return faults.count;
+}
+
+void abandon(const Account &account, int kind, const char *cause) {
+    RefreshFaults faults;
+    abandon_account(text_or_null(account.id), kind, account.dir, cause, faults);
+}
+
+bool strict() {
+    return settings().strict;
+}
+
+}  // namespace qx::refresh
+
+namespace {
 
 // ---- reading ---------------------------------------------------------------------------------
 

@@ -11,13 +11,18 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cerrno>
 #include <exception>
 #include <memory>
 #include <string>
+#include <vector>
+
+#include <unistd.h>
 
 #include "cxx_util.hpp"
 #include "qx_paths.h"
 #include "quota.h"
+#include "quota_jobs.h"
 #include "sql_util.hpp"
 #include "sqlsession.h"
 #include "utils.h"
@@ -33,12 +38,14 @@ int quiet_flag = 0;
 safestr_t *quota_dir = nullptr;
 safestr_t *ast_spool_dir = nullptr;
 safestr_t *ast_lib_dir = nullptr;
+int refresh_jobs = 1;
 fr_hash_t *target_table = nullptr;
 
 namespace {
 
 constexpr const char kLogSource[] = "spoolcap";
 constexpr int kLogChannel = 3;
+constexpr int kLogError = 3;
 constexpr int kLogDebug = 7;
 
 // --help carries no variable; popt hands this value back so the parser can stop at once.
@@ -83,6 +90,13 @@ constexpr const char kMsgNoneUpdated[] = "No quota file could be updated!\n";
 
 constexpr const char kPathsQuotaDirKey[] = "QUORVEX_QUOTA_D";
 constexpr const char kPathsAsteriskConfKey[] = "ASTERISK_CONF_FILE";
+constexpr const char kLocalJobsKey[] = "QUOTA_REFRESH_JOBS";
+constexpr const char kJobsAuto[] = "auto";
+// More workers than this would only queue up on the database.
+constexpr long kMaxJobs = 256;
+constexpr const char kLogBadJobs[] =
+    "%s:%d:%s: %s must be a number of worker processes from 1 to %ld or auto, not \"%s\"; "
+    "refreshing in one process\n";
 constexpr const char kAstDirectoriesSection[] = "directories";
 constexpr const char kAstSpoolDirKey[] = "astspooldir";
 constexpr const char kAstLibDirKey[] = "astlibdir";
@@ -270,24 +284,61 @@ int refresh_targets() {
     if (!target_table) return 0;
     bool failed = false;
     bool succeeded = false;
+    auto count = [&](int rc) {
+        if (rc == 0) {
+            succeeded = true;
+        } else {
+            failed = true;
+        }
+    };
     {
         HashLock lock(target_table);
         KeyList keys(fr_hash_getkeys(target_table));
         const size_t n = keys ? fr_array_length(keys.get()) : 0;
+        std::vector<int> ids;
         for (size_t i = 0; i < n; ++i) {
             int32_t id = 0;
             if (!key_at(keys.get(), i, &id)) continue;
             const spoolcap_target *rec = find_target(target_table, id);
             if (!rec || !rec->selected) continue;
-            if (quota_update_slow(id, QUOTA_KIND_ALL, nullptr, force_depth) == 0) {
-                succeeded = true;
+            if (refresh_jobs > 1) {
+                ids.push_back(id);
             } else {
-                failed = true;
+                count(quota_update_slow(id, QUOTA_KIND_ALL, nullptr, force_depth));
             }
+        }
+        if (!ids.empty()) {
+            std::vector<int> results(ids.size(), -1);
+            if (quota_update_slow_jobs(ids.data(), static_cast<int>(ids.size()), QUOTA_KIND_ALL,
+                                       force_depth, refresh_jobs, results.data()) != 0)
+                return 2;
+            for (int rc : results)
+                count(rc);
         }
     }
     if (!failed) return 0;
     return succeeded ? 1 : 2;
+}
+
+// QUOTA_REFRESH_JOBS: absent means one process, as does a value that cannot be used (logged).
+int jobs_setting() {
+    char *text = nullptr;
+    const fr_conf_entry entries[] = {{kLocalJobsKey, FR_CONF_STRING, &text}};
+    (void)parseconfig(QX_LOCAL_CONF, entries, 1);
+    std::unique_ptr<char, decltype(&std::free)> owner(text, &std::free);
+    if (!text) return 1;
+    if (std::strcmp(text, kJobsAuto) == 0) {
+        const long cpus = sysconf(_SC_NPROCESSORS_ONLN);
+        return static_cast<int>(std::clamp(cpus, 1L, kMaxJobs));
+    }
+    char *end = nullptr;
+    errno = 0;
+    const long n = std::strtol(text, &end, 10);
+    if (errno == 0 && end != text && *end == '\0' && n >= 1 && n <= kMaxJobs)
+        return static_cast<int>(n);
+    FR_LOG(kLogSource, kLogChannel, kLogError, kLogBadJobs, kLogSource, __LINE__, QX_LOCAL_CONF,
+           kLocalJobsKey, kMaxJobs, text);
+    return 1;
 }
 
 // The all-accounts listing cannot tell an unknown account from unreadable quota.
@@ -501,6 +552,7 @@ int get_config(void) {
     ast_lib_dir = values[1] ? values[1] : safestr_create(QX_AST_LIB_DIR);
 
     std::free(asterisk_conf);
+    refresh_jobs = jobs_setting();
     return 0;
 }
 

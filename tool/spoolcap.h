@@ -61,6 +61,8 @@ extern int quiet_flag;
 extern safestr_t *quota_dir;
 extern safestr_t *ast_spool_dir;
 extern safestr_t *ast_lib_dir;
+/* Worker processes of a refresh (QUOTA_REFRESH_JOBS of local.conf); 1 refreshes in this one. */
+extern int refresh_jobs;
 /* The selected accounts, from get_sql_data until the process exits. */
 extern fr_hash_t *target_table;
 
@@ -68,7 +70,7 @@ extern fr_hash_t *target_table;
 void parse_args(int argc, char **argv);
 /* Writes the usage banner to stream. */
 void usage(FILE *stream);
-/* Fills quota_dir, ast_spool_dir, ast_lib_dir; 0 (never fails). */
+/* Fills quota_dir, ast_spool_dir, ast_lib_dir, refresh_jobs; 0 (never fails). */
 int get_config(void);
 
 /* The target table (keys int32 account ids, values spoolcap_target), or NULL when nothing was

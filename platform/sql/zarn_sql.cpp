@@ -837,6 +837,21 @@ int fr_sql_conn_query(fr_sql_conn_t *conn, int store, MYSQL_RES **result, const 
     }
 }
 
+int fr_sqlpool_forget(void) {
+    try {
+        Detached old = reset_pool();
+        // Closing would send the server a quit on a socket the parent shares: the parent's
+        // session would end with it. The handles are leaked instead.
+        for (ConnPtr &conn : old.idle) {
+            (void)conn->master.handle.release();
+            (void)conn->slave.handle.release();
+        }
+        return 0;
+    } catch (...) {
+        return 0;
+    }
+}
+
 MYSQL *fr_sql_conn_get_mysql(fr_sql_conn_t *conn) {
     if (!conn) return nullptr;
     if (conn->last_on_slave && conn->slave.handle) return conn->slave.handle.get();

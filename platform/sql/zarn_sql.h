@@ -54,6 +54,10 @@ fr_sql_conn_t *fr_sqlpool_conn_get(int shard_index);
 void fr_sqlpool_conn_free(fr_sql_conn_t *conn);
 /* Closes every connection and forgets the configuration. 0. */
 int fr_sqlpool_destroy(void);
+/* For a forked child: forgets every connection and the configuration without closing or
+ * talking on any connection (the parent still uses them; their memory is left behind). Set the
+ * pool up again before the next session. 0. */
+int fr_sqlpool_forget(void);
 
 /* Formats and runs one statement. With store non-zero the whole result is stored and handed
  * back in *result (NULL for statements without result set; free with mysql_free_result).
