@@ -1,5 +1,4 @@
 // Asterisk configuration files: both readers over the same bytes, and the line helpers.
-#include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -11,15 +10,12 @@ namespace {
 
 const char *keys[] = {"astspooldir", "astlibdir", "a=b", nullptr};
 
-// Values are trimmed, non-empty text of the file that never crosses a line.
+// Values are non-empty text of the file, trimmed, that never crosses a line.
 void check_values(safestr_t **values, const std::string &content, size_t max_len) {
     for (int i = 0; i < 3; ++i) {
         if (!values[i]) continue;
         const std::string v(safestr_cstr(values[i]), safestr_length(values[i]));
-        FUZZ_CHECK(!v.empty() && v.size() <= max_len && fuzz::contains(content, v));
-        FUZZ_CHECK(!std::isspace(static_cast<unsigned char>(v.front())));
-        FUZZ_CHECK(!std::isspace(static_cast<unsigned char>(v.back())));
-        FUZZ_CHECK(v.find('\n') == std::string::npos);
+        FUZZ_CHECK(!v.empty() && v.size() <= max_len && fuzz::from_file(v, content));
         safestr_free(values[i]);
     }
 }

@@ -1,24 +1,6 @@
 // Directive files: every reader over the same bytes, and the directive tables over two files.
-#include <cctype>
-#include <cstdlib>
-#include <string>
-
 #include "fuzz_support.hpp"
 #include "zarn_config_parser.h"
-
-namespace {
-
-// What a reader hands out comes from the file, trimmed, and never crosses a line.
-bool from_file(const char *value, const std::string &a, const std::string &b = "") {
-    if (!value) return true;
-    const std::string v(value);
-    if (v.find('\n') != std::string::npos) return false;
-    const auto space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
-    if (!v.empty() && (space(v.front()) || space(v.back()))) return false;
-    return fuzz::contains(a, v) || fuzz::contains(b, v);
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz::quiet_log();
@@ -30,8 +12,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     char *out = nullptr;
     FUZZ_CHECK(qx_conf_parse_string_value(kw, pa.c_str(), &out) == 0);
-    FUZZ_CHECK(from_file(out, a) && (!out || std::strlen(out) < 8192));
-    std::free(out);
+    const std::string value = fuzz::take(out);
+    FUZZ_CHECK(fuzz::from_file(value, a) && value.size() < 8192);
 
     char *f[3] = {};
     const int cred = qx_conf_parse_db_cred(nullptr, pa.c_str(), "a", &f[0], &f[1], &f[2]);
@@ -51,8 +33,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     out = nullptr;
     const int wrc = qx_conf_parse_worker(kw, pa.c_str(), &out);
-    FUZZ_CHECK((wrc == 0) == (out != nullptr) && from_file(out, a));
-    std::free(out);
+    FUZZ_CHECK((wrc == 0) == (out != nullptr) && fuzz::from_file(fuzz::take(out), a));
 
     // Reading twice gives the same table: every call starts from an empty one.
     qx_conf_directive table[] = {{kw, 0, nullptr}, {"DB", 0, nullptr}, {nullptr, 0, nullptr}};
@@ -65,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
             FUZZ_CHECK(call == 0 || counts[r] == table[r].count);
             counts[r] = table[r].count;
             for (int i = 0; i < table[r].count; ++i)
-                FUZZ_CHECK(from_file(table[r].values[i], a, b));
+                FUZZ_CHECK(fuzz::from_file(table[r].values[i], a, b));
         }
     }
     qx_conf_parse_multi_directives_free_data(table);

@@ -6,10 +6,13 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -73,6 +76,19 @@ inline std::string scratch_file(const std::string &name, std::string_view conten
     return write_file(scratch() + "/" + name, content);
 }
 
+inline std::string read_file(const std::string &path) {
+    std::ostringstream s;
+    s << std::ifstream(path, std::ios::binary).rdbuf();
+    return s.str();
+}
+
+// A malloc'd string's text ("" for NULL), freed.
+inline std::string take(char *s) {
+    std::string out = s ? s : "";
+    std::free(s);
+    return out;
+}
+
 // Error lines (priority 3 or more severe) logged since the last call to quiet_log().
 inline int &errors_logged() {
     static int n = 0;
@@ -92,28 +108,27 @@ inline bool contains(std::string_view hay, std::string_view needle) {
     return hay.find(needle) != std::string_view::npos;
 }
 
-// Standard base64 without line breaks; false on anything else.
+// What a reader hands out: text of the file, trimmed, that never crosses a line.
+inline bool from_file(std::string_view v, std::string_view a, std::string_view b = "") {
+    const auto space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
+    if (v.find('\n') != std::string_view::npos) return false;
+    if (!v.empty() && (space(v.front()) || space(v.back()))) return false;
+    return contains(a, v) || contains(b, v);
+}
+
+// Standard base64 without line breaks, padded to a multiple of four; false on anything else.
 inline bool base64_decode(std::string_view in, std::string &out) {
-    static const std::string_view alphabet =
+    static const std::string_view abc =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    const size_t end = in.find_last_not_of('=') + 1;
+    if (in.size() % 4 || in.size() - end > 2) return false;
     out.clear();
-    if (in.size() % 4) return false;
-    for (size_t i = 0; i < in.size(); i += 4) {
-        uint32_t v = 0;
-        int pad = 0;
-        for (size_t j = 0; j < 4; ++j) {
-            const char c = in[i + j];
-            size_t at = alphabet.find(c);
-            if (c == '=' && j >= 2 && i + 4 == in.size()) {
-                ++pad, at = 0;
-            } else if (at == std::string_view::npos || pad) {
-                return false;
-            }
-            v = (v << 6) | static_cast<uint32_t>(at);
-        }
-        out += static_cast<char>(v >> 16);
-        if (pad < 2) out += static_cast<char>((v >> 8) & 0xff);
-        if (pad < 1) out += static_cast<char>(v & 0xff);
+    unsigned bits = 0, acc = 0;
+    for (size_t i = 0; i < end; ++i) {
+        const size_t at = abc.find(in[i]);
+        if (at == std::string_view::npos) return false;
+        acc = (acc << 6) | static_cast<unsigned>(at);
+        if ((bits += 6) >= 8) out += static_cast<char>((acc >> (bits -= 8)) & 0xff);
     }
     return true;
 }

@@ -6,23 +6,11 @@
 
 #include <cerrno>
 #include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-#include <string>
 
 #include "fuzz_support.hpp"
 #include "quota.h"
 
 namespace {
-
-std::string slurp(const std::string &path) {
-    std::ifstream f(path, std::ios::binary);
-    std::ostringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
 
 std::string record(long long v, int r) {
     char buf[64];
@@ -40,14 +28,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string content = in.rest();
 
     // Round trip through an open descriptor.
-    const std::string rt = fuzz::scratch() + "/rt.quota";
-    const int fd = ::open(rt.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+    const std::string rt = fuzz::scratch_file("rt.quota", "");
+    const int fd = ::open(rt.c_str(), O_RDWR);
     FUZZ_CHECK(fd >= 0);
     // A record never exceeds 31 bytes; the longest pairs of numbers do not fit.
     const bool fits = record(value, revision).size() <= 31;
     FUZZ_CHECK((quota_write_internal(fd, value, revision) == 0) == fits);
     if (fits) {
-        FUZZ_CHECK(slurp(rt) == record(value, revision));
+        FUZZ_CHECK(fuzz::read_file(rt) == record(value, revision));
         long long v = 0;
         int r = 0;
         FUZZ_CHECK(::lseek(fd, 0, SEEK_SET) == 0 && quota_read_internal(fd, &v, &r) == 0);
@@ -66,10 +54,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         dot == std::string::npos ? 0 : std::strtol(text.c_str() + dot + 1, nullptr, 10);
     const bool plain = value_fits && errno != ERANGE && old_r > INT_MIN && old_r < INT_MAX;
 
-    const std::string path = fuzz::scratch() + "/fast/x.quota";
-    std::remove((path + ".dirty").c_str());
     ::mkdir((fuzz::scratch() + "/fast").c_str(), 0700);
-    fuzz::write_file(path, content);
+    const std::string path = fuzz::scratch_file("fast/x.quota", content);
+    std::remove((path + ".dirty").c_str());
     const int fd2 = ::open(path.c_str(), O_RDONLY);
     long long read_v = 0;
     const int read_rc = quota_read_internal(fd2, &read_v, nullptr);
@@ -84,9 +71,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         // Clamped at 0, saturated at the 64-bit maximum: never wrapped.
         if (__builtin_add_overflow(old_v, delta, &want)) want = delta > 0 ? LLONG_MAX : 0;
         if (want < 0) want = 0;
-        FUZZ_CHECK(slurp(path) == record(want, static_cast<int>(old_r) + 1));
+        FUZZ_CHECK(fuzz::read_file(path) == record(want, static_cast<int>(old_r) + 1));
     } else {
-        FUZZ_CHECK(slurp(path) == content);
+        FUZZ_CHECK(fuzz::read_file(path) == content);
     }
     return 0;
 }

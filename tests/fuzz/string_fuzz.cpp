@@ -1,19 +1,9 @@
 // String helpers: split/join round trip, insert/delete round trip, case and trim bounds, and the
 // mail-header encoder decoded back to its text.
-#include <cstdlib>
-#include <cstring>
-#include <string>
-
 #include "fuzz_support.hpp"
 #include "zarn_string.h"
 
 namespace {
-
-std::string take(char *s) {
-    std::string out = s ? s : "";
-    std::free(s);
-    return out;
-}
 
 // Decodes every encoded word of a header; each word but the last holds whole characters.
 std::string decode_header(const std::string &header, const std::string &charset) {
@@ -47,7 +37,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     if (char **parts = zarn_str_split(s.c_str(), sep.c_str())) {
         // A trailing separator gives no empty last piece; everything else comes back.
-        const std::string joined = parts[0] ? take(zarn_str_join(parts, sep.c_str())) : "";
+        const std::string joined = parts[0] ? fuzz::take(zarn_str_join(parts, sep.c_str())) : "";
         const std::string c(s.c_str());
         FUZZ_CHECK(joined == c || joined + sep == c);
         zarn_str_freelist(parts);
@@ -60,7 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         zarn_str_delete(&str, pos, static_cast<int>(sep.size()));
         FUZZ_CHECK(std::strcmp(str, s.c_str()) == 0);
     }
-    const std::string upper = take(zarn_str_toupper(str)), lower = take(zarn_str_tolower(str));
+    const std::string upper = fuzz::take(zarn_str_toupper(str)),
+                      lower = fuzz::take(zarn_str_tolower(str));
     FUZZ_CHECK(upper.size() == len && lower.size() == len);
     for (size_t i = 0; i < len; ++i) {
         const unsigned char c = static_cast<unsigned char>(str[i]);
@@ -81,7 +72,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FUZZ_CHECK(!padded || std::strlen(padded) == static_cast<size_t>(pos % 12));
     std::free(padded);
 
-    const std::string header = take(zarn_base64_encode_email_header(
+    const std::string header = fuzz::take(zarn_base64_encode_email_header(
         "Subject", "UTF-8", text.c_str(), address.empty() ? nullptr : address.c_str()));
     // Only a header with nothing to carry stays unterminated.
     FUZZ_CHECK(header.rfind("Subject: ", 0) == 0);

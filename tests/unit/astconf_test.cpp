@@ -1,30 +1,25 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <optional>
-#include <string>
 #include <vector>
 
-#include "qxtest.hpp"
+#include "unit.hpp"
 #include "utils.h"
 
 namespace {
 
+using namespace unit;
+using std::string;
 const char *keys[] = {"astspooldir", "astlibdir", "a=b", nullptr};
-using Values = std::vector<std::optional<std::string>>;
-const auto no = std::nullopt;
+using Values = std::vector<Opt>;
 
-// Writes content to a file, reads it with the section reader (section given) or the plain
-// reader (no section), and returns the three values; the errors logged go to *errors.
-Values read(const std::string &content, std::optional<const char *> section, std::string *errors) {
+// Reads content with the section reader (section given) or the plain reader (no section) and
+// returns the three values; the errors logged go to *errors.
+Values read(const string &content, std::optional<const char *> section, string *errors) {
     qxtest::LogCapture log;
     fr_log_set_threshold(3);
-    const auto path =
-        std::filesystem::temp_directory_path() / ("astconf_test." + std::to_string(getpid()));
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+    TempDir dir;
+    const string path = dir.write("asterisk.conf", content);
     safestr_t *values[3];
     // The plain reader drops what the caller left in the array without freeing it.
     for (auto &v : values)
@@ -33,11 +28,8 @@ Values read(const std::string &content, std::optional<const char *> section, std
                       : get_astconf_values(path.c_str(), keys, values, 3),
               0);
     Values out;
-    for (auto *v : values) {
-        out.push_back(v ? std::optional<std::string>(safestr_cstr(v)) : no);
-        safestr_free(v);
-    }
-    std::filesystem::remove(path);
+    for (auto *v : values)
+        out.push_back(take(v));
     for (const auto &l : log.lines())
         *errors += l;
     return out;
@@ -46,7 +38,7 @@ Values read(const std::string &content, std::optional<const char *> section, std
 TEST(Astconf, SectionReaderLineRules) {
     const char *dirs = "directories";
     const struct {
-        std::string content;
+        string content;
         const char *section;
         Values want;
         const char *error = "";  // fragment of the errors logged
@@ -78,39 +70,39 @@ TEST(Astconf, SectionReaderLineRules) {
         {"  # astspooldir => /x\n; astlibdir => /y\n", nullptr, {no, no, no}},
         {"astspooldir => /spool ; old\n", nullptr, {"/spool ; old", no, no}},
         {"a=b=>c\nAstLibDir => /a\n", nullptr, {no, no, "c"}},
-        {" \tastspooldir \t =>  /a b \r\nastlibdir => " + std::string(5000, 'v'),
+        {" \tastspooldir \t =>  /a b \r\nastlibdir => " + string(5000, 'v'),
          nullptr,
-         {"/a b", std::string(5000, 'v'), no}},
+         {"/a b", string(5000, 'v'), no}},
     };
     for (const auto &r : rows) {
-        std::string errors;
+        string errors;
         EXPECT_EQ(read(r.content, r.section, &errors), r.want) << r.content;
-        EXPECT_NE(errors.find(r.error), std::string::npos) << errors;
+        EXPECT_NE(errors.find(r.error), string::npos) << errors;
         EXPECT_EQ(errors.empty(), !*r.error) << errors;
-        EXPECT_EQ(errors.find("[4]"), std::string::npos) << errors;
+        EXPECT_EQ(errors.find("[4]"), string::npos) << errors;
     }
 }
 
 TEST(Astconf, PlainReaderTakesArrowsOnlyInLinesOf1023Bytes) {
-    const std::string too_long = "> is longer than 1023 bytes; ignored: ";
+    const string too_long = "> is longer than 1023 bytes; ignored: ";
     const struct {
-        std::string content;
+        string content;
         Values want;
-        std::string error;  // fragment of the errors logged
+        string error;  // fragment of the errors logged
     } rows[] = {
         {"astspooldir=/srv\n[x]\nastlibdir => /b\n#astlibdir => /c\n", {no, "/b", no}, ""},
         {"astspooldir =>  \na=b=>c\n", {no, no, "c"}, "Key astspooldir on line [1] of <"},
-        {std::string(1008, 'x') + "astlibdir => /b\n", {no, no, no}, ""},  // 1023 bytes
-        {"astlibdir => " + std::string(1010, 'v'), {no, std::string(1010, 'v'), no}, ""},
+        {string(1008, 'x') + "astlibdir => /b\n", {no, no, no}, ""},  // 1023 bytes
+        {"astlibdir => " + string(1010, 'v'), {no, string(1010, 'v'), no}, ""},
         // The tail of a longer line is not read as a line of its own.
-        {std::string(1023, 'x') + "astlibdir => /b\n", {no, no, no}, "Line [1] of <"},
-        {"\n" + std::string(1024, 'x') + "\nastlibdir => /b", {no, "/b", no}, "Line [2] of <"},
-        {"astlibdir => " + std::string(2000, 'v'), {no, no, no}, too_long + "astlibdir => vvv"},
+        {string(1023, 'x') + "astlibdir => /b\n", {no, no, no}, "Line [1] of <"},
+        {"\n" + string(1024, 'x') + "\nastlibdir => /b", {no, "/b", no}, "Line [2] of <"},
+        {"astlibdir => " + string(2000, 'v'), {no, no, no}, too_long + "astlibdir => vvv"},
     };
     for (const auto &r : rows) {
-        std::string errors;
+        string errors;
         EXPECT_EQ(read(r.content, std::nullopt, &errors), r.want) << r.content.substr(0, 40);
-        EXPECT_NE(errors.find(r.error), std::string::npos) << errors;
+        EXPECT_NE(errors.find(r.error), string::npos) << errors;
         EXPECT_EQ(errors.empty(), r.error.empty()) << errors;
     }
     safestr_t *values[3] = {};
@@ -134,7 +126,7 @@ TEST(Astconf, LineLayoutHelpers) {
         char dst[16];
         std::memset(dst, 'Z', sizeof dst);
         EXPECT_STREQ(get_start_padding(line, dst, len, chars), want);
-        EXPECT_EQ(std::string(dst + len, sizeof dst - len), std::string(sizeof dst - len, 'Z'));
+        EXPECT_EQ(string(dst + len, sizeof dst - len), string(sizeof dst - len, 'Z'));
     }
 
     for (auto [line, want] : {std::pair{"value ;note", " ;note"},
@@ -152,7 +144,7 @@ TEST(Astconf, LineLayoutHelpers) {
     char dst[8];
     std::memset(dst, 'Z', sizeof dst);
     EXPECT_EQ(get_inline_comment("value ;note", dst, 4, ";"), dst);
-    EXPECT_EQ(std::string(dst, sizeof dst), " ;noZZZZ");  // like strncpy: no terminator
+    EXPECT_EQ(string(dst, sizeof dst), " ;noZZZZ");  // like strncpy: no terminator
 }
 
 }  // namespace
