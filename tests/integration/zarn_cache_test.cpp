@@ -181,7 +181,6 @@ TEST(ZarnCache, NoRowsMarkerNeverStartsAVolatileHash) {
         if (row.hash_exists) qxtest::redis({"HSET", key, "other", "1"});
         EXPECT_EQ(check_add_norows_to_missing_persistent(key.c_str(), row.persistent, row.value),
                   row.written ? 0 : 1);
-        log.clear();
         EXPECT_EQ(rset_hash_str(row.persistent, "f", row.value, "%s", key.c_str()),
                   row.written ? 0 : -1);
         EXPECT_EQ(qxtest::redis({"HGET", key, "f"}), row.written ? row.value : "(nil)");
