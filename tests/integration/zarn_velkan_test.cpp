@@ -6,7 +6,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -58,26 +57,6 @@ using Client = std::unique_ptr<vk_client_t, ClientFree>;
 Client new_client() {
     return Client(vk_client_create(1, 2, nullptr, nullptr));
 }
-
-// Replaces a shared configuration file for its lifetime; readers in other processes only ever
-// see the old or the new file whole.
-class ConfigSwap {
-  public:
-    ConfigSwap(std::string path, const std::string &text) : path_(std::move(path)) {
-        original_ = qxtest::read_file(path_).value_or("");
-        write(text);
-    }
-    ~ConfigSwap() { write(original_); }
-
-  private:
-    void write(const std::string &text) {
-        const std::string tmp = path_ + ".qxtest." + std::to_string(getpid());
-        std::ofstream(tmp, std::ios::binary | std::ios::trunc) << text;
-        std::rename(tmp.c_str(), path_.c_str());
-    }
-    std::string path_;
-    std::string original_;
-};
 
 std::string sock() {
     return qxtest::path("/run/redis.sock");
@@ -214,7 +193,7 @@ TEST(ZarnVelkan, SetUpFollowsTheFirstValidMainEntries) {
         vk_client_t *raw = nullptr;
         int rc;
         {
-            ConfigSwap swap(disdbase, row.text);
+            qxtest::ConfFile swap(disdbase, row.text);
             rc = ast_vk_init(&raw);
         }
         Client c(raw);
