@@ -49,6 +49,7 @@ TEST(ZarnVelkan, HostValuesAreSplitIntoNameHostAndPort) {
     const std::string bad = "Failed to parse disdb host. Entry: main:a:b:";
     const std::tuple<std::string, int, std::string> rows[] = {
         {"main:a:b:10.0.0.5:6400", 0, "server [a:b] added: 10.0.0.5 port 6400"},
+        {"main:a:b:10.0.0.5:65535", 0, "server [a:b] added: 10.0.0.5 port 65535"},
         {"main:a:b:fe80::5:6400", 0, "server [a:b] added: fe80::5 port 6400"},
         {"main:n1:n2:/run/r.sock:0", 0, "server [n1:n2] added: /run/r.sock port 0"},
         {"main:a:b:host", 1, bad + "host.\n"},
