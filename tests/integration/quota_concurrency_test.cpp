@@ -396,9 +396,7 @@ std::optional<Record> read_record(const std::string &path) {
     return Record{std::atoll(text->substr(0, dot).c_str()), std::atoi(text->c_str() + dot + 1)};
 }
 
-bool dirty(const std::string &path) {
-    return ::access((path + ".dirty").c_str(), F_OK) == 0;
-}
+using qxtest::dirty;
 
 // ---- the test --------------------------------------------------------------------------------
 

@@ -30,30 +30,16 @@ namespace {
 
 auto *const sandbox_env = qxtest::register_sandbox();
 
-constexpr std::array<const char *, 5> kKindFiles = {"fax", "sound", "recording", "voicemail",
-                                                    "music"};
-using Quotas = std::array<long long, 5>;
+using qxtest::dirty;
+using qxtest::kKindFiles;
+using qxtest::music_dir;
+using qxtest::put;
+using qxtest::sounds_dir;
+using Quotas = qxtest::Usage;
 
 std::string quota_root() {
     return qxtest::path("/var/lib/quorvexquota");
 }
-std::string sounds_dir(int id) {
-    return qxtest::path("/var/lib/asterisk/sounds/.") + std::to_string(id);
-}
-std::string music_dir(int id) {
-    return qxtest::path("/var/lib/asterisk/music/") + std::to_string(id);
-}
-
-void put(const std::string &path, const std::string &bytes) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
-}
-
-bool dirty(const std::string &path) {
-    return ::access((path + ".dirty").c_str(), F_OK) == 0;
-}
-
 std::string record(long long value, int revision = 0) {
     return std::to_string(value) + "." + std::to_string(revision);
 }

@@ -1,11 +1,9 @@
 // The DisDB client against the sandbox Redis: round trips, authentication, database choice,
 // failover, and the cost of a dead or stalled server.
-#include <hiredis/hiredis.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -20,108 +18,65 @@
 
 namespace {
 
-static auto *const sandbox_env = qxtest::register_sandbox();
+auto *const sandbox_env = qxtest::register_sandbox();
 
-constexpr char kKey[] = "sandbox";
-constexpr int kDb = 1;
+using Client = std::unique_ptr<vk_client_t, decltype(&vk_client_destroy)>;
+using Text = std::optional<std::string>;
 
-struct ClientFree {
-    void operator()(vk_client_t *c) const { vk_client_destroy(c); }
-};
-using Client = std::unique_ptr<vk_client_t, ClientFree>;
-
-std::string socket_path() {
-    return qxtest::path("/run/redis.sock");
-}
-
-Client make_client(const std::vector<std::pair<std::string, int>> &servers,
-                   const std::string &key = kKey, int db = kDb) {
-    Client c(vk_client_create(1, 2, nullptr, nullptr));
+Client client(const std::vector<std::pair<std::string, int>> &servers, const char *key = "sandbox",
+              int db = 1) {
+    Client c(vk_client_create(1, 2, nullptr, nullptr), &vk_client_destroy);
     for (const auto &[host, port] : servers)
         vk_server_add(c.get(), host.c_str(), port, "t");
-    if (!key.empty()) vk_set_database_key(c.get(), db, key.data(), key.size());
+    if (*key) vk_set_database_key(c.get(), db, key, std::strlen(key));
     vk_select(c.get(), db, 0);
     return c;
 }
-
-// A command on database db through a connection of the test's own: strings, integers, nil.
-std::string raw(int db, const std::vector<std::string> &argv) {
-    std::vector<const char *> args;
-    std::vector<size_t> lens;
-    for (const auto &a : argv) {
-        args.push_back(a.data());
-        lens.push_back(a.size());
-    }
-    std::string out = "(error)";
-    if (redisContext *c = redisConnectUnix(socket_path().c_str()); c && !c->err) {
-        freeReplyObject(redisCommand(c, "AUTH %s", kKey));
-        freeReplyObject(redisCommand(c, "SELECT %d", db));
-        if (auto *r = static_cast<redisReply *>(
-                redisCommandArgv(c, static_cast<int>(args.size()), args.data(), lens.data()))) {
-            if (r->type == REDIS_REPLY_STRING) out.assign(r->str, r->len);
-            if (r->type == REDIS_REPLY_INTEGER) out = std::to_string(r->integer);
-            if (r->type == REDIS_REPLY_NIL) out = "(nil)";
-            freeReplyObject(r);
-        }
-        redisFree(c);
-    }
-    return out;
+Client sandbox(int db = 1) {
+    return client({{qxtest::path("/run/redis.sock"), 0}}, "sandbox", db);
 }
 
-// A key of the test's own, deleted at the end of the test.
-struct TestKey {
-    TestKey(const std::string &name, int db = kDb)
-        : db(db), key("qxtest:velkan:" + std::to_string(getpid()) + ":" + name) {}
-    ~TestKey() { raw(db, {"DEL", key, key + ":val"}); }
-    int db;
-    std::string key;
-};
-
-std::optional<std::string> hget(vk_client_t *c, const std::string &key, const std::string &f,
-                                int *status = nullptr) {
+Text hget(vk_client_t *c, const std::string &key, const std::string &f, int *status = nullptr) {
     char *value = nullptr;
     size_t len = 0;
     const int rc =
         vk_hget_whole(c, key.data(), key.size(), f.data(), f.size(), &value, &len, "", 1);
     if (status) *status = rc;
-    if (!value) return std::nullopt;
-    std::string s(value, len);
+    Text out = value ? Text(std::string(value, len)) : std::nullopt;
     std::free(value);
-    return s;
+    return out;
 }
 
-double ms_since(std::chrono::steady_clock::time_point t0) {
-    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t0).count();
-}
+// Each test writes under a key of its own, deleted afterwards.
+class Velkan : public ::testing::Test {
+  protected:
+    void TearDown() override { qxtest::redis({"DEL", key_, key_ + ":val"}); }
+    const std::string key_ = "qxtest:velkan:" + std::to_string(getpid());
+};
 
-TEST(Velkan, FieldValuesSurviveARoundTripByteForByte) {
-    const struct {
-        std::string field, value;
-    } rows[] = {
+TEST_F(Velkan, FieldValuesSurviveARoundTripByteForByte) {
+    const std::pair<std::string, std::string> rows[] = {
         {"nam", "Acme Corp"},     {"e", ""},
         {"bin", {"a\0b", 3}},     {{"f\xff", 2}, "\xc3\xa9\xff\x01"},
         {"k:1,2", "x,y:z %s %n"}, {"big", std::string(200000, 'q')},
     };
-    auto c = make_client({{socket_path(), 0}});
-    TestKey k("roundtrip");
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.field);
-        ASSERT_EQ(vk_hset(c.get(), k.key.data(), k.key.size(), row.field.data(), row.field.size(),
-                          row.value.data(), row.value.size(), 1),
+    auto c = sandbox();
+    for (const auto &[field, value] : rows) {
+        SCOPED_TRACE(field);
+        ASSERT_EQ(vk_hset(c.get(), key_.data(), key_.size(), field.data(), field.size(),
+                          value.data(), value.size(), 1),
                   VK_OK);
         // Non-persistent data goes through the secondary handle: it must see the same hash.
-        EXPECT_EQ(hget(vk_client_secondary(c.get()), k.key, row.field), row.value);
-        EXPECT_EQ(raw(kDb, {"HGET", k.key, row.field}), row.value);
+        EXPECT_EQ(hget(vk_client_secondary(c.get()), key_, field), value);
+        EXPECT_EQ(qxtest::redis({"HGET", key_, field}), value);
     }
 }
 
-TEST(Velkan, MultiFieldReadsKeepTheOrderAsked) {
-    auto c = make_client({{socket_path(), 0}});
-    TestKey k("multi");
-    const char *fields[] = {"a", "b", "c"};
-    const char *values[] = {"1", "two", ""};
+TEST_F(Velkan, MultiFieldReadsKeepTheOrderAsked) {
+    auto c = sandbox();
+    const char *fields[] = {"a", "b", "c"}, *values[] = {"1", "two", ""};
     const size_t lens[] = {1, 1, 1}, vlens[] = {1, 3, 0};
-    ASSERT_EQ(vk_hmset(c.get(), k.key.data(), k.key.size(), fields, 3, lens, values, vlens, 0),
+    ASSERT_EQ(vk_hmset(c.get(), key_.data(), key_.size(), fields, 3, lens, values, vlens, 0),
               VK_OK);
 
     const char *ask[] = {"b", "missing", "a", "c"};
@@ -129,22 +84,22 @@ TEST(Velkan, MultiFieldReadsKeepTheOrderAsked) {
     char **got = nullptr;
     size_t entries = 0;
     void *buffer = nullptr;
-    ASSERT_EQ(vk_hmget_whole(c.get(), k.key.data(), k.key.size(), ask, 4, alens, &got, &entries,
+    ASSERT_EQ(vk_hmget_whole(c.get(), key_.data(), key_.size(), ask, 4, alens, &got, &entries,
                              &buffer, "", 1),
               VK_OK);
     EXPECT_EQ(entries, 3u);
-    EXPECT_STREQ(got[0], "two");
-    EXPECT_EQ(got[1], nullptr);
-    EXPECT_STREQ(got[2], "1");
-    EXPECT_STREQ(got[3], "");
-    for (int i = 0; i < 4; ++i)
+    std::vector<Text> in_order;
+    for (int i = 0; i < 4; ++i) {
+        in_order.push_back(got[i] ? Text(got[i]) : std::nullopt);
         std::free(got[i]);
+    }
     std::free(got);
     std::free(buffer);
+    EXPECT_EQ(in_order, (std::vector<Text>{"two", std::nullopt, "1", ""}));
 
     size_t count = 0;
     char **names = nullptr, **vals = nullptr;
-    ASSERT_EQ(vk_hgetall(c.get(), k.key.data(), k.key.size(), &count, &names, &vals, 0, 0), VK_OK);
+    ASSERT_EQ(vk_hgetall(c.get(), key_.data(), key_.size(), &count, &names, &vals, 0, 0), VK_OK);
     std::map<std::string, std::string> all;
     for (size_t i = 0; i < count; ++i) {
         all[names[i]] = vals[i];
@@ -154,113 +109,104 @@ TEST(Velkan, MultiFieldReadsKeepTheOrderAsked) {
     std::free(names);
     std::free(vals);
     EXPECT_EQ(all, (std::map<std::string, std::string>{{"a", "1"}, {"b", "two"}, {"c", ""}}));
-
-    const std::string absent = k.key + ":absent";
-    EXPECT_EQ(vk_exists(c.get(), absent.data(), absent.size()), 0);
-    EXPECT_NE(vk_exists(c.get(), k.key.data(), k.key.size()), 0);
+    EXPECT_EQ(vk_exists(c.get(), (key_ + ":absent").data(), key_.size() + 7), 0);
+    EXPECT_NE(vk_exists(c.get(), key_.data(), key_.size()), 0);
 }
 
-TEST(Velkan, SortedSetMemberKeepsItsValueUnlessNull) {
-    const struct {
-        const char *member;
-        std::string value, stored;
-    } rows[] = {{"s3:rc/1/2/3.wav", "payload", "payload"},
-                {"s3:vm/1/2/4.wav", "_NL_", "(nil)"},
-                {"s3:fx/1/2/5.tif", "_NL_x", "_NL_x"}};
-    auto c = make_client({{socket_path(), 0}});
-    TestKey k("queue");
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.member);
-        ASSERT_EQ(
-            vk_zaddval(vk_client_secondary(c.get()), k.key.data(), k.key.size(), 1700000000.25,
-                       row.member, std::strlen(row.member), row.value.data(), row.value.size()),
-            VK_OK);
-        EXPECT_EQ(raw(kDb, {"ZSCORE", k.key, row.member}), "1700000000.25");
-        EXPECT_EQ(raw(kDb, {"HGET", k.key + ":val", row.member}), row.stored);
+TEST_F(Velkan, SortedSetMemberKeepsItsValueUnlessNull) {
+    const std::tuple<const char *, std::string, std::string> rows[] = {
+        {"s3:rc/1/2/3.wav", "payload", "payload"},
+        {"s3:vm/1/2/4.wav", "_NL_", "(nil)"},
+        {"s3:fx/1/2/5.tif", "_NL_x", "_NL_x"}};
+    auto c = sandbox();
+    for (const auto &[member, value, stored] : rows) {
+        SCOPED_TRACE(member);
+        ASSERT_EQ(vk_zaddval(vk_client_secondary(c.get()), key_.data(), key_.size(), 1700000000.25,
+                             member, std::strlen(member), value.data(), value.size()),
+                  VK_OK);
+        EXPECT_EQ(qxtest::redis({"ZSCORE", key_, member}), "1700000000.25");
+        EXPECT_EQ(qxtest::redis({"HGET", key_ + ":val", member}), stored);
     }
 }
 
-TEST(Velkan, WrongOrMissingDatabaseKeyIsAnError) {
+TEST_F(Velkan, DatabaseKeyAndChoiceHoldOnEveryConnection) {
     for (const char *key : {"wrong", ""}) {
-        SCOPED_TRACE(key);
         int rc = 0;
-        EXPECT_EQ(hget(make_client({{socket_path(), 0}}, key).get(), "x", "f", &rc), std::nullopt);
-        EXPECT_EQ(rc, VK_EREPLY);
+        EXPECT_EQ(hget(client({{qxtest::path("/run/redis.sock"), 0}}, key).get(), "x", "f", &rc),
+                  std::nullopt);
+        EXPECT_EQ(rc, VK_EREPLY) << key;
     }
-}
 
-TEST(Velkan, SelectedDatabaseIsUsedOnEveryConnection) {
-    TestKey k("db", 6);
-    auto c = make_client({{socket_path(), 0}}, kKey, 6);
-    ASSERT_EQ(vk_hset(c.get(), k.key.data(), k.key.size(), "f", 1, "six", 3, 0), VK_OK);
-    EXPECT_EQ(raw(6, {"HGET", k.key, "f"}), "six");
-    EXPECT_EQ(raw(kDb, {"EXISTS", k.key}), "0");
-
+    auto c = sandbox(6);
+    ASSERT_EQ(vk_hset(c.get(), key_.data(), key_.size(), "f", 1, "six", 3, 0), VK_OK);
+    EXPECT_EQ(qxtest::redis({"EXISTS", key_}), "0");
     // Drop the client's connection behind its back: the first call sees the loss, the next
     // one reconnects and must land in database 6 again.
-    const std::string list = raw(kDb, {"CLIENT", "LIST"});
+    const std::string list = qxtest::redis({"CLIENT", "LIST"});
     int killed = 0;
     for (size_t pos = 0; (pos = list.find("id=", pos)) != std::string::npos; ++pos) {
         const std::string line = list.substr(pos, list.find('\n', pos) - pos);
         if (line.find(" db=6 ") == std::string::npos) continue;
         killed += std::atoi(
-            raw(kDb, {"CLIENT", "KILL", "ID", line.substr(3, line.find(' ') - 3)}).c_str());
+            qxtest::redis({"CLIENT", "KILL", "ID", line.substr(3, line.find(' ') - 3)}).c_str());
     }
     ASSERT_GE(killed, 1);
     int rc = 0;
-    auto value = hget(c.get(), k.key, "f", &rc);
+    Text value = hget(c.get(), key_, "f", &rc);
     if (rc != VK_OK) {
         EXPECT_EQ(rc, VK_EIO);
-        value = hget(c.get(), k.key, "f", &rc);
+        value = hget(c.get(), key_, "f", &rc);
     }
     EXPECT_EQ(value, "six");
+    EXPECT_EQ(qxtest::redis({"EVAL",
+                             "redis.call('SELECT', 6) local v = redis.call('HGET', KEYS[1], 'f') "
+                             "redis.call('DEL', KEYS[1]) redis.call('SELECT', 1) return v",
+                             "1", key_}),
+              "six");
 }
 
-TEST(Velkan, UnreachableServersAreSkippedInOrder) {
-    auto c = make_client({{"/nonexistent/redis.sock", 0}, {"127.0.0.1", 1}, {socket_path(), 0}});
-    TestKey k("failover");
-    EXPECT_EQ(vk_hset(c.get(), k.key.data(), k.key.size(), "f", 1, "v", 1, 0), VK_OK);
-    EXPECT_EQ(raw(kDb, {"HGET", k.key, "f"}), "v");
-}
-
-TEST(Velkan, DeadServerCostsMillisecondsPerCall) {
-    const std::pair<std::string, int> dead[] = {{"/nonexistent/redis.sock", 0}, {"127.0.0.1", 1}};
-    for (const auto &server : dead) {
-        SCOPED_TRACE(server.first);
-        auto c = make_client({server});
-        const auto t0 = std::chrono::steady_clock::now();
-        for (int i = 0; i < 20; ++i) {
+TEST_F(Velkan, UnreachableServersAreSkippedInOrderAndADeadOneReportedOnEveryCall) {
+    auto c = client(
+        {{"/nonexistent/redis.sock", 0}, {"127.0.0.1", 1}, {qxtest::path("/run/redis.sock"), 0}});
+    EXPECT_EQ(vk_hset(c.get(), key_.data(), key_.size(), "f", 1, "v", 1, 0), VK_OK);
+    EXPECT_EQ(qxtest::redis({"HGET", key_, "f"}), "v");
+    for (const auto &server :
+         {std::pair<std::string, int>{"/nonexistent/redis.sock", 0}, {"127.0.0.1", 1}}) {
+        auto dead = client({server});
+        for (int i = 0; i < 3; ++i) {
             int rc = 0;
-            hget(c.get(), "k", "f", &rc);
-            EXPECT_EQ(rc, VK_ENOSERVER);
+            hget(dead.get(), "k", "f", &rc);
+            EXPECT_EQ(rc, VK_ENOSERVER) << server.first;
         }
-        EXPECT_LT(ms_since(t0) / 20, 50.0);
     }
 }
 
-TEST(Velkan, StalledServerTimesOutOnceThenIsLeftAlone) {
+TEST_F(Velkan, StalledServerTimesOutOnceThenIsLeftAlone) {
     // A listener that never accepts: connections succeed, replies never come.
     const std::string path = "/tmp/qxtest-stalled-" + std::to_string(getpid()) + ".sock";
-    int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
     unlink(path.c_str());
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
     ASSERT_EQ(listen(fd, 16), 0);
-
-    auto c = make_client({{path, 0}});
+    auto connections = [fd] {
+        int n = 0;
+        for (int c; (c = accept(fd, nullptr, nullptr)) >= 0; ++n)
+            close(c);
+        return n;
+    };
+    auto c = client({{path, 0}});
     int rc = 0;
-    auto t0 = std::chrono::steady_clock::now();
     hget(c.get(), "k", "f", &rc);
     EXPECT_EQ(rc, VK_EIO);
-    EXPECT_LT(ms_since(t0), 600.0);
-    t0 = std::chrono::steady_clock::now();
+    EXPECT_GE(connections(), 1);
     for (int i = 0; i < 10; ++i) {
         hget(c.get(), "k", "f", &rc);
         EXPECT_NE(rc, VK_OK);
     }
-    EXPECT_LT(ms_since(t0), 50.0);
+    EXPECT_EQ(connections(), 0) << "a server that timed out is tried again at once";
     close(fd);
     unlink(path.c_str());
 }

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <functional>
+#include <new>
 #include <fstream>
 #include <mutex>
 #include <optional>
@@ -22,6 +24,21 @@
 #include "qxtest.hpp"
 #include "sqlsession.h"
 #include "zarn_storage.h"
+
+// Allocations fail while set: the module's own out-of-memory paths, on demand.
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+static std::atomic<bool> g_fail_new{false};
+void *operator new(std::size_t n) {
+    if (g_fail_new) throw std::bad_alloc();
+    if (void *p = std::malloc(n ? n : 1)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void *p) noexcept {
+    std::free(p);
+}
+void operator delete(void *p, std::size_t) noexcept {
+    std::free(p);
+}
 
 namespace {
 
@@ -47,6 +64,7 @@ struct FakeService {
     std::string location = "zone-a";
     std::atomic<int> location_calls{0};
     std::atomic<int> releases{0};
+    std::atomic<bool> starve_after_location{false};
     std::mutex mutex;
     std::vector<Download> downloads;
     std::vector<std::string> location_args;  // "node|a|b|arg" of each location query
@@ -63,7 +81,9 @@ char *fake_location(const char *node, const char *a, const char *b, void *arg) {
     std::lock_guard lock(g_service->mutex);
     g_service->location_args.push_back(std::string(node ? node : "-") + "|" + (a ? a : "-") + "|" +
                                        (b ? b : "-") + "|" + (arg ? "arg" : "-"));
-    return g_service->location.empty() ? nullptr : strdup(g_service->location.c_str());
+    char *out = g_service->location.empty() ? nullptr : strdup(g_service->location.c_str());
+    if (g_service->starve_after_location) g_fail_new = true;
+    return out;
 }
 
 void *fake_download(const char *stored, const char *shard, const char *engine, const char *extra,
@@ -82,23 +102,8 @@ const qx_storage_api kApi = {fake_usable, fake_location, fake_download, fake_rel
 
 // ---- helpers -----------------------------------------------------------------------------
 
-// Replaces storage.conf for as long as it lives.
-class StorageConf {
-  public:
-    explicit StorageConf(const std::string &content)
-        : path_(QX_STORAGE_CONF), saved_(qxtest::read_file(path_)) {
-        std::ofstream(path_, std::ios::trunc) << content;
-    }
-    ~StorageConf() {
-        if (saved_)
-            std::ofstream(path_, std::ios::trunc) << *saved_;
-        else
-            fs::remove(path_);
-    }
-
-  private:
-    std::string path_;
-    std::optional<std::string> saved_;
+struct StorageConf : qxtest::ConfFile {
+    explicit StorageConf(const std::string &text) : qxtest::ConfFile(QX_STORAGE_CONF, text) {}
 };
 
 std::string conf_text(const char *system) {
@@ -116,10 +121,7 @@ std::string content_of(const std::string &path) {
     return qxtest::read_file(path).value_or("?");
 }
 
-void put(const std::string &path, const std::string &content) {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
-}
+using qxtest::put;
 
 std::string cache_file(const std::string &key) {
     return std::string(QX_STORAGE_CACHE_DIR) + "/main/" + key;
@@ -579,6 +581,54 @@ TEST_F(Storage, S3DeletionQueuesMembers) {
     errno = 0;
     EXPECT_EQ(qx_storage_delete_extension(1, "a", 2, "b", nullptr), -1);
     EXPECT_EQ(errno, ENOBUFS);
+}
+
+TEST_F(Storage, QueueWritesThatFailFailTheCallAndChangeNothing) {
+    service_.location = "q" + std::to_string(ids_);
+    const int id = add_row("extension_recording");
+    const std::string key = "rc/" + std::to_string(ids_) + "/" + std::to_string(ids_ + 1) + "/" +
+                            std::to_string(id) + ".wav";
+    // A DisDB that cannot be reached for the whole test: every queue write fails.
+    qxtest::ConfFile dead(qxtest::path("/etc/quorvex/disdbase.conf"),
+                          "DISDBASE_HOST main:n:c:" + qxtest::path("/run/no-such-redis.sock") +
+                              ":0\nDISDBASE_CREDENTIALS main:s:sandbox:1\n");
+    init("s3");
+    qxtest::LogCapture log;
+    qx_storage_session *s = qx_storage_session_create(1, ids_, ids_ + 1, "wav");
+    ASSERT_NE(s, nullptr);
+    put(qx_storage_get_temp_file(s), "never queued");
+    EXPECT_EQ(qx_storage_commit_file(s, id), -1);
+    qx_storage_release_session(s);
+    EXPECT_TRUE(log.contains("Failed to queue file [" + key + "]."));
+    EXPECT_EQ(opt(row("extension_recording", "filename", id)[1]), "NULL") << "no location recorded";
+
+    struct Case {
+        const char *what;
+        std::function<int()> call;
+        bool starve;
+        int error;
+    };
+    const Case cases[] = {
+        {"object delete", [&] { return qx_storage_delete(1, key.c_str(), "s3", "loc"); }, false,
+         EIO},
+        {"owner delete",
+         [&] { return qx_storage_delete_extension(ids_ + 1, "a", ids_, "b", nullptr); }, false,
+         EIO},
+        {"owner delete out of memory",
+         [&] { return qx_storage_delete_extension(ids_ + 1, "a", ids_, "b", nullptr); }, true,
+         ENOMEM},
+    };
+    for (const Case &c : cases) {
+        service_.starve_after_location = c.starve;
+        errno = 0;
+        const int rc = c.call();
+        g_fail_new = false;
+        service_.starve_after_location = false;
+        EXPECT_EQ(rc, -1) << c.what;
+        EXPECT_EQ(errno, c.error) << c.what;
+    }
+    EXPECT_EQ(qxtest::redis({"ZRANGE", kDelQueue, "0", "-1"}).find(service_.location),
+              std::string::npos);
 }
 
 TEST_F(Storage, LoadsSettingsAndReportsValuesItCannotUse) {

@@ -1,11 +1,12 @@
-// Test support: the sandbox (real MariaDB + Redis on unix sockets under the build's root),
-// fixtures for accounts, log capture and running commands.
+// Test support: the sandbox (real MariaDB + Redis on unix sockets under the build's root), its
+// accounts and quota-file trees, log capture and runs of commands.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <csignal>
-
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,56 +14,53 @@
 
 namespace qxtest {
 
-// The build's root (every compiled-in path starts with it).
-std::string root();
-// Absolute path below the root, e.g. path("/etc/quorvex/pbx.conf").
-std::string path(std::string_view rel);
+std::string root();                      // every compiled-in path starts with it
+std::string path(std::string_view rel);  // e.g. path("/etc/quorvex/pbx.conf")
 
-// Starts the sandbox if it is not running (idempotent; runs scripts/sandbox start <root>).
-// Fails the calling test fatally when it cannot.
+// Starts the sandbox once per binary; register from a test file with
+// static auto *env = qxtest::register_sandbox();
 void ensure_sandbox();
-
-// GoogleTest environment that makes sure the sandbox runs before any test of the binary.
-// Register it from a test file with: static auto *env = qxtest::register_sandbox();
 ::testing::Environment *register_sandbox();
 
-// SQL on the sandbox database (as the administrator, not through the pool).
+// SQL (as the administrator) and Redis (authenticated, the configured database) on the sandbox.
+// Redis replies as text: integers in decimal, nil as "(nil)", arrays joined by "\n".
 using Row = std::vector<std::optional<std::string>>;
-void sql(const std::string &statement);               // ADD_FAILURE on error
-std::vector<Row> sql_rows(const std::string &query);  // ADD_FAILURE on error
-long long sql_int(const std::string &query);          // first column of first row
-// Global counters of the server (SHOW GLOBAL STATUS), e.g. "Com_select", "Questions".
-long long server_status(const std::string &name);
-
-// Redis command on the sandbox server (authenticated, database as configured); the reply
-// rendered as text: strings as is, integers in decimal, nil as "(nil)", arrays joined by "\n",
-// errors as "ERR ...".
+void sql(const std::string &statement);  // ADD_FAILURE on error
+std::vector<Row> sql_rows(const std::string &query);
+long long sql_int(const std::string &query);  // first column of the first row
 std::string redis(const std::vector<std::string> &argv);
 
-// A block of 10 account ids no other test (of this run, in any binary) uses; all below 10000,
-// unless a generated benchmark platform fills that range (then above its accounts). Blocks come
-// round again on a long-lived sandbox; a block is cleared (clear_ids) before it is handed out
-// again, so no earlier run's rows, cache entries or files are ever seen.
+// A block of 10 account ids no other test of any binary uses (below 10000 unless a benchmark
+// platform fills that range). A block that comes round again on a long-lived sandbox is cleared
+// first (clear_ids: accounts, extensions and their rows, cache entries, quota and media files).
 int fresh_ids();
-// Removes what belongs to the block's ids: accounts, their preferences, extensions and the
-// extensions' rows (stored files, preferences, codecs, subscribers), their cache entries, quota
-// files and media directories. A fixture's TearDown calls it so that a failed test leaves
-// nothing behind either.
 void clear_ids(int base);
 
-// Fixture rows. Level 10 reseller, 50 client, 100 user; parent 0 is stored as NULL. Login
-// defaults to "u<id>", name to "Account <id>".
+// Levels: 10 reseller, 50 client, 100 user; parent 0 is NULL. Login "u<id>", name "Account <id>".
 void add_account(int id, int parent, int level, const std::string &login = "",
                  const std::string &name = "");
-// Returns the new extension's id (auto-increment). Full numbers must be unique: derive them from
-// the owner's fresh id, e.g. "0042*101".
+// Returns the extension's id; full numbers must be unique: derive them from the owner's id.
 int add_extension(int client_id, const std::string &number, const std::string &full);
 void add_pref(int client_id, const std::string &param, const std::string &value);
 void set_misc(const std::string &param, const std::string &value);
-// A stored-file row in extension_recording / extension_voicemail / extension_fax_center.
 void add_db_file(const std::string &table, int extension_id, long long filesize);
-// Writes a file of size bytes (creating directories).
-void write_file(const std::string &path, size_t size);
+void write_file(const std::string &path, size_t size);  // size bytes, directories created
+void put(const std::string &path, const std::string &bytes);
+std::optional<std::string> read_file(const std::string &path);
+bool dirty(const std::string &quota_file);
+
+// Replaces a file (absolute path) for the scope; readers only ever see one version whole.
+class ConfFile {
+  public:
+    ConfFile(std::string file, const std::string &text);
+    ~ConfFile();
+    ConfFile(const ConfFile &) = delete;
+    ConfFile &operator=(const ConfFile &) = delete;
+
+  private:
+    std::string file_;
+    std::optional<std::string> saved_;
+};
 
 // Captures the platform logger's lines (threshold debug) for its lifetime.
 class LogCapture {
@@ -71,26 +69,22 @@ class LogCapture {
     ~LogCapture();
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
-    const std::vector<std::string> &lines() const;
-    bool contains(std::string_view needle) const;
-    // A line containing needle logged at exactly this priority.
+    std::vector<std::string> lines() const;
+    bool contains(std::string_view needle) const { return count(needle) > 0; }
     bool contains_at(int priority, std::string_view needle) const;
     size_t count(std::string_view needle) const;
-    void clear();
 };
 
 struct RunResult {
-    int status = -1;  // exit status, or 128+signal
-    std::string out;
-    std::string err;
+    int status = -1;  // exit status, or 128+signal (a run past its timeout is killed)
+    std::string out, err;
+    std::string log;  // what the run added to the sandbox's log file
 };
-// Runs argv (no shell), feeding input on standard input.
-RunResult run(const std::vector<std::string> &argv, const std::string &input = "");
-// Runs the built spoolcap with the given arguments.
-RunResult spoolcap(const std::vector<std::string> &args);
+RunResult run(const std::vector<std::string> &argv, const std::string &input = "",
+              int timeout_s = 60);
+RunResult spoolcap(const std::vector<std::string> &args);  // the built spoolcap
 
-// Stops the sandbox's MariaDB with sig (SIGSTOP: a hung server, SIGKILL: a crashed one) for its
-// lifetime. A stopped server is continued, a killed one started again.
+// Stops the sandbox's MariaDB with sig (SIGSTOP: hung, SIGKILL: crashed) for its lifetime.
 class StoppedDatabase {
   public:
     explicit StoppedDatabase(int sig = SIGSTOP);
@@ -103,7 +97,31 @@ class StoppedDatabase {
     int pid_, sig_;
 };
 
-// Reads a whole file; nullopt when it cannot be read.
-std::optional<std::string> read_file(const std::string &path);
+// ---- quota-file trees ------------------------------------------------------------------------
+
+constexpr int kKinds = 5;
+constexpr const char *kKindFiles[kKinds] = {"fax", "sound", "recording", "voicemail", "music"};
+using Usage = std::array<long long, kKinds>;  // fax, sound, recording, voicemail, music
+std::string sounds_dir(int id);
+std::string music_dir(int id);
+
+// Accounts with their quota directories and what a whole refresh must write for each.
+struct QuotaTree {
+    std::map<int, std::string> dir;
+    std::map<int, Usage> usage;
+
+    // Creates the account after removing what an earlier life of its id left (files, cache).
+    // A root (level 0) has no quota directory.
+    void add(int id, int parent, int level);
+    // An extension "<owner>*<n>" of owner with stored-file rows {table, size}.
+    int ext(int owner, int n, const std::vector<std::pair<const char *, long long>> &rows = {});
+    std::string file(int id, int kind) const;
+    std::vector<std::string> files() const;
+    std::map<std::string, std::string> snapshot() const;  // regular files only: no FIFO opened
+    std::string exact(int id, int kind) const { return std::to_string(usage.at(id)[kind]) + ".0"; }
+    // Every file exact, dirty-marked, or unchanged from old; counts {exact, unchanged, dirty}.
+    std::array<int, 3> check(const std::map<std::string, std::string> &old) const;
+    void expect_exact() const;  // every file exact and unmarked
+};
 
 }  // namespace qxtest
