@@ -19,8 +19,8 @@ TEST(QuotaExample, AddsUntilTheOwnersLimitIsReached) {
     qxtest::write_file(media, 4000);
 
     const std::string dir = qxtest::path("/var/lib/quorvexquota/") + std::to_string(reseller);
-    const std::string owner_file = dir + "/" + std::to_string(client) + "/" +
-                                   std::to_string(owner) + "/recording.quota";
+    const std::string owner_file =
+        dir + "/" + std::to_string(client) + "/" + std::to_string(owner) + "/recording.quota";
     const std::string verdict_ok = " + quota_verify(target:2, resid:" + std::to_string(reseller) +
                                    ", clid:" + std::to_string(client) +
                                    ", extid:" + std::to_string(owner) + ") returned:0";
@@ -30,8 +30,7 @@ TEST(QuotaExample, AddsUntilTheOwnersLimitIsReached) {
         const char *owner_record;
     } steps[] = {{0, "4000.2"}, {0, "8000.3"}, {0, "12000.4"}, {3, "12000.4"}};
     for (const Step &step : steps) {
-        auto r = qxtest::run(
-            {QX_QUOTA_EXAMPLE, std::to_string(owner), "2", media});
+        auto r = qxtest::run({QX_QUOTA_EXAMPLE, std::to_string(owner), "2", media});
         EXPECT_EQ(r.status, step.status) << r.out << r.err;
         EXPECT_EQ(qxtest::read_file(owner_file).value_or("(missing)"), step.owner_record);
         if (step.status == 0) {

@@ -17,9 +17,7 @@ namespace qxtest {
 std::string root();                      // every compiled-in path starts with it
 std::string path(std::string_view rel);  // e.g. path("/etc/quorvex/pbx.conf")
 
-// Starts the sandbox once per binary; register from a test file with
-// static auto *env = qxtest::register_sandbox();
-void ensure_sandbox();
+// Starts the sandbox once per binary: static auto *env = qxtest::register_sandbox();
 ::testing::Environment *register_sandbox();
 
 // SQL (as the administrator) and Redis (authenticated, the configured database) on the sandbox.
@@ -71,8 +69,10 @@ class LogCapture {
     LogCapture &operator=(const LogCapture &) = delete;
     std::vector<std::string> lines() const;
     bool contains(std::string_view needle) const { return count(needle) > 0; }
-    bool contains_at(int priority, std::string_view needle) const;
-    size_t count(std::string_view needle) const;
+    bool contains_at(int priority, std::string_view needle) const {
+        return count(needle, priority) > 0;
+    }
+    size_t count(std::string_view needle, int priority = -1) const;
 };
 
 struct RunResult {
