@@ -40,7 +40,7 @@ std::string str(int n) {
 // A reseller with two clients and three users, media on disk and stored-file rows: root +9
 // (level 0), reseller +0, clients +1 +2, users +3 +4 under +1 and +5 under +2.
 struct Tree : qxtest::QuotaTree {
-    int root, r, c1, c2, u1, u2, u3;
+    int root, r, c1, c2, u1, u2, u3, u3_ext;
     explicit Tree(int base = qxtest::fresh_ids()) {
         root = base + 9, r = base, c1 = base + 1, c2 = base + 2;
         u1 = base + 3, u2 = base + 4, u3 = base + 5;
@@ -51,7 +51,7 @@ struct Tree : qxtest::QuotaTree {
         ext(u1, 1, {{fax, 100}, {fax, 200}, {rec, 1000}});
         ext(u1, 2, {{rec, 24}, {vm, 512}});
         ext(u2, 1, {{fax, 50}, {vm, 7}});
-        ext(u3, 1, {{rec, 4096}});
+        u3_ext = ext(u3, 1, {{rec, 4096}});
         qxtest::write_file(qxtest::sounds_dir(r) + "/welcome.wav", 2048);
         qxtest::write_file(qxtest::sounds_dir(c1) + "/a.wav", 1000);
         qxtest::write_file(qxtest::sounds_dir(c1) + "/nested/b.wav", 24);
@@ -133,13 +133,10 @@ qxtest::ConfFile strict() {
 TEST(SpoolcapRun, SetWritesTheSubtreeAndShowPrintsTheReport) {
     Tree t;
     auto r = qxtest::spoolcap({"--action", "set", "--uid", str(t.r)});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.out, block(t, t.r));
+    EXPECT_EQ(std::make_tuple(r.status, r.out, r.err), std::make_tuple(0, block(t, t.r), ""));
     t.expect_exact();
     r = qxtest::spoolcap({"-A", "show", "-u", str(t.r)});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, block(t, t.r));
+    EXPECT_EQ(std::make_tuple(r.status, r.out), std::make_tuple(0, block(t, t.r)));
     r = qxtest::spoolcap({"--action", "show", "--uid", str(t.r), "--human"});
     EXPECT_EQ(r.out, block(t.r,
                            "1.01 MB\n\tFax         \t\t350.00 B\n\tSounds      \t\t4.50 KB\n"
@@ -303,10 +300,7 @@ TEST(SpoolcapFaults, UnmeasuredInputsKeepOldValuesMarkedAndStrictRunsFail) {
     Tree t;
     t.refresh();
     // New data the failed refresh must not half-apply: only a whole refresh may show it.
-    qxtest::add_db_file("extension_recording",
-                        static_cast<int>(qxtest::sql_int(
-                            "SELECT MIN(id) FROM extension WHERE client_id = " + str(t.u3))),
-                        4);
+    qxtest::add_db_file("extension_recording", t.u3_ext, 4);
     t.usage[t.u3][2] += 4, t.usage[t.c2][2] += 4, t.usage[t.r][2] += 4;
     const auto old = t.snapshot();
     struct Renamed {
