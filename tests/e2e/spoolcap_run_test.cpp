@@ -31,7 +31,6 @@ using qxtest::Usage;
 
 constexpr const char *kKindLabels[kKinds] = {"Fax         ", "Sounds      ", "Recording   ",
                                              "Voicemail   ", "Music on hold"};
-constexpr time_t kAgedMtime = 1000000000;  // anything newer was rewritten by the run
 
 std::string str(int n) {
     return std::to_string(n);
@@ -73,21 +72,6 @@ struct Tree : qxtest::QuotaTree {
         expect_exact();
     }
 };
-
-void age(const std::vector<std::string> &files) {
-    const timespec times[2] = {{kAgedMtime, 0}, {kAgedMtime, 0}};
-    for (const auto &f : files)
-        utimensat(AT_FDCWD, f.c_str(), times, 0);
-}
-
-std::set<std::string> rewritten(const std::vector<std::string> &files) {
-    std::set<std::string> out;
-    for (const auto &f : files) {
-        struct stat st {};
-        if (stat(f.c_str(), &st) != 0 || st.st_mtim.tv_sec != kAgedMtime) out.insert(f);
-    }
-    return out;
-}
 
 std::string body(const Usage &u) {
     unsigned long long total = 0;  // a saturated kind would overflow a signed sum
@@ -169,14 +153,14 @@ TEST(SpoolcapRun, UnforcedSetTrustsFreshRecordsAndForceRewritesAll) {
     const std::string stale = t.file(t.c2, 0), trusted = t.file(t.c1, 2);
     qxtest::put(stale, "77.1000");   // past the revision limit
     qxtest::put(trusted, "42.999");  // below it, whatever it holds
-    age(all);
+    t.age();
     auto r = t.set();
     EXPECT_EQ(std::make_tuple(r.status, r.out), std::make_tuple(0, ""));
-    EXPECT_EQ(rewritten(all), std::set<std::string>{stale});
+    EXPECT_EQ(t.rewritten(), std::set<std::string>{stale});
     EXPECT_EQ(qxtest::read_file(trusted), "42.999");
-    age(all);
+    t.age();
     EXPECT_EQ(t.set("-f").status, 0);
-    EXPECT_EQ(rewritten(all), std::set<std::string>(all.begin(), all.end()));
+    EXPECT_EQ(t.rewritten(), std::set<std::string>(all.begin(), all.end()));
     t.expect_exact();
 }
 

@@ -4,6 +4,7 @@
 #include <hiredis/hiredis.h>
 #include <mysql.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -452,6 +453,23 @@ std::map<std::string, std::string> QuotaTree::snapshot() const {
     std::map<std::string, std::string> out;
     for (const auto &f : files())
         out[f] = fs::is_regular_file(f) ? read_file(f).value_or("(missing)") : "(missing)";
+    return out;
+}
+
+constexpr time_t kAgedMtime = 1000000000;
+
+void QuotaTree::age() const {
+    const timespec times[2] = {{kAgedMtime, 0}, {kAgedMtime, 0}};
+    for (const auto &f : files())
+        utimensat(AT_FDCWD, f.c_str(), times, 0);
+}
+
+std::set<std::string> QuotaTree::rewritten() const {
+    std::set<std::string> out;
+    for (const auto &f : files()) {
+        struct stat st {};
+        if (stat(f.c_str(), &st) != 0 || st.st_mtim.tv_sec != kAgedMtime) out.insert(f);
+    }
     return out;
 }
 

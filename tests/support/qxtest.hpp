@@ -8,6 +8,7 @@
 #include <csignal>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -118,6 +119,8 @@ struct QuotaTree {
     std::string file(int id, int kind) const;
     std::vector<std::string> files() const;
     std::map<std::string, std::string> snapshot() const;  // regular files only: no FIFO opened
+    void age() const;  // an old mtime for every file, so that a rewrite shows however fast
+    std::set<std::string> rewritten() const;  // files that are missing or newer than aged
     std::string exact(int id, int kind) const { return std::to_string(usage.at(id)[kind]) + ".0"; }
     // Every file exact, dirty-marked, or unchanged from old; counts {exact, unchanged, dirty}.
     std::array<int, 3> check(const std::map<std::string, std::string> &old) const;
