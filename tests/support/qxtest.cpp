@@ -96,12 +96,8 @@ void start_sandbox() {
     if (r.status != 0) ADD_FAILURE() << "sandbox did not start: " << r.out << r.err;
 }
 
-// Starts the sandbox once per binary.
 class SandboxEnv : public ::testing::Environment {
-    void SetUp() override {
-        static std::once_flag once;
-        std::call_once(once, start_sandbox);
-    }
+    void SetUp() override { ensure_sandbox(); }
 };
 
 std::mutex g_log_mutex;
@@ -137,6 +133,11 @@ std::string root() {
 
 std::string path(std::string_view rel) {
     return root() + std::string(rel);
+}
+
+void ensure_sandbox() {
+    static std::once_flag once;
+    std::call_once(once, start_sandbox);
 }
 
 ::testing::Environment *register_sandbox() {
@@ -181,6 +182,13 @@ long long sql_int(const std::string &q) {
     auto rows = sql_rows(q);
     if (!rows.empty() && !rows[0].empty() && rows[0][0]) return std::stoll(*rows[0][0]);
     ADD_FAILURE() << "no value from: " << q;
+    return -1;
+}
+
+long long server_status(const std::string &name) {
+    const auto rows = sql_rows("SHOW GLOBAL STATUS LIKE " + quoted(name));
+    if (!rows.empty() && rows[0].size() > 1 && rows[0][1]) return std::stoll(*rows[0][1]);
+    ADD_FAILURE() << "no server status " << name;
     return -1;
 }
 
