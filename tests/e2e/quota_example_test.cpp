@@ -9,45 +9,37 @@ namespace {
 const auto *const sandbox_env = qxtest::register_sandbox();
 
 TEST(QuotaExample, AddsUntilTheOwnersLimitIsReached) {
-    int base = qxtest::fresh_ids();
-    int reseller = base, client = base + 1, owner = base + 2;
-    qxtest::add_account(reseller, 0, 10);
-    qxtest::add_account(client, reseller, 50);
-    qxtest::add_account(owner, client, 100);
+    const int reseller = qxtest::fresh_ids(), client = reseller + 1, owner = reseller + 2;
+    const std::string r = std::to_string(reseller), c = std::to_string(client),
+                      o = std::to_string(owner);
+    qxtest::QuotaTree t;
+    t.add(reseller, 0, 10), t.add(client, reseller, 50), t.add(owner, client, 100);
     qxtest::add_pref(owner, "max_record", "10");  // KiB
-    std::string media = qxtest::path("/var/tmp/example-" + std::to_string(base) + ".wav");
+    const std::string media = qxtest::path("/var/tmp/example-" + r + ".wav");
     qxtest::write_file(media, 4000);
-
-    const std::string dir = qxtest::path("/var/lib/quorvexquota/") + std::to_string(reseller);
-    const std::string owner_file = dir + "/" + std::to_string(client) + "/" +
-                                   std::to_string(owner) + "/recording.quota";
-    const std::string verdict_ok = " + quota_verify(target:2, resid:" + std::to_string(reseller) +
-                                   ", clid:" + std::to_string(client) +
-                                   ", extid:" + std::to_string(owner) + ") returned:0";
-
-    struct Step {
+    const std::string ok =
+        " + quota_verify(target:2, resid:" + r + ", clid:" + c + ", extid:" + o + ") returned:0 (";
+    const struct {
         int status;
         const char *owner_record;
-    } steps[] = {{0, "4000.2"}, {0, "8000.3"}, {0, "12000.4"}, {3, "12000.4"}};
-    for (const Step &step : steps) {
-        auto r = qxtest::run(
-            {QX_QUOTA_EXAMPLE, std::to_string(owner), "2", media});
+        std::string verdict;  // part of the printed line
+    } steps[] = {
+        {0, "4000.2", ok},
+        {0, "8000.3", ok},
+        {0, "12000.4", ok},
+        {3, "12000.4",
+         "returned:" + std::to_string(1000000000 + owner) + " (if >0 it means: client.id:" + o +
+             ", client.level:100)"},
+    };
+    for (const auto &step : steps) {
+        auto r = qxtest::run({QX_QUOTA_EXAMPLE, o, "2", media});
         EXPECT_EQ(r.status, step.status) << r.out << r.err;
-        EXPECT_EQ(qxtest::read_file(owner_file).value_or("(missing)"), step.owner_record);
-        if (step.status == 0) {
-            EXPECT_NE(r.out.find(verdict_ok), std::string::npos) << r.out;
-        } else {
-            EXPECT_NE(r.out.find("returned:" + std::to_string(1000000000 + owner) +
-                                 " (if >0 it means: client.id:" + std::to_string(owner) +
-                                 ", client.level:100)"),
-                      std::string::npos)
-                << r.out;
-        }
+        EXPECT_EQ(qxtest::read_file(t.file(owner, 2)), step.owner_record);
+        EXPECT_NE(r.out.find(step.verdict), std::string::npos) << r.out;
     }
     // The ancestors got every delta, without a verification read of their own (no limits).
-    EXPECT_EQ(qxtest::read_file(dir + "/" + std::to_string(client) + "/recording.quota"),
-              "12000.3");
-    EXPECT_EQ(qxtest::read_file(dir + "/recording.quota"), "12000.3");
+    EXPECT_EQ(qxtest::read_file(t.file(client, 2)), "12000.3");
+    EXPECT_EQ(qxtest::read_file(t.file(reseller, 2)), "12000.3");
 }
 
 }  // namespace

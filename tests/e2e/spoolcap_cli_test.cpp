@@ -45,6 +45,7 @@ struct CliCase {
 };
 
 TEST(SpoolcapCli, RejectsOrAnswersEachCommandLine) {
+    // clang-format off
     const CliCase cases[] = {
         {"help alone", {"--help"}, kBanner, "", 0},
         {"help after valid options", {"--action", "set", "--uid", "5", "--help"}, kBanner, "", 0},
@@ -56,34 +57,20 @@ TEST(SpoolcapCli, RejectsOrAnswersEachCommandLine) {
         {"missing uid argument", {"-A", "set", "-u"}, "-u: missing argument\n", "", 1},
         {"short h is human, not help", {"-h"}, kBadAction + kBanner, "", 1},
         {"no arguments at all", {}, kBadAction + kBanner, "", 1},
-        {"action is case-sensitive",
-         {"--action", "SET", "--uid", "1"},
-         kBadAction + kBanner,
-         "",
-         1},
+        {"action is case-sensitive", {"--action", "SET", "--uid", "1"}, kBadAction + kBanner, "", 1},
         {"unknown action word", {"-A", "list", "--all"}, kBadAction + kBanner, "", 1},
         {"uid with all", {"--action", "set", "--uid", "5", "--all"}, kConflict + kBanner, "", 1},
         {"uid with ulogin", {"-A", "show", "-u", "5", "-l", "'x'"}, kConflict + kBanner, "", 1},
         {"all three", {"-A", "set", "-a", "-u", "1", "-l", "'x'"}, kConflict + kBanner, "", 1},
-        {"conflict reported before show/quiet",
-         {"-A", "show", "-q", "-a", "-u", "1"},
-         kConflict + kBanner,
-         "",
-         1},
-        {"show with quiet",
-         {"--action", "show", "--quiet", "--uid", "5"},
-         kShowQuiet + kBanner,
-         "",
-         1},
+        {"conflict reported before show/quiet", {"-A", "show", "-q", "-a", "-u", "1"},
+         kConflict + kBanner, "", 1},
+        {"show with quiet", {"--action", "show", "--quiet", "--uid", "5"}, kShowQuiet + kBanner, "", 1},
         {"show with quiet and no target", {"-A", "show", "-q"}, kShowQuiet + kBanner, "", 1},
         {"set with no target is no parser error", {"--action", "set"}, "", kNoTargets, 10},
         {"show with no target", {"--action", "show", "--human"}, "", kNoTargets, 10},
-        {"set quiet force children, no target",
-         {"-A", "set", "-q", "-f", "-c"},
-         "",
-         kNoTargets,
-         10},
+        {"set quiet force children, no target", {"-A", "set", "-q", "-f", "-c"}, "", kNoTargets, 10},
     };
+    // clang-format on
     for (const auto &c : cases) {
         SCOPED_TRACE(c.what);
         auto r = qxtest::spoolcap(c.args);

@@ -6,13 +6,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <functional>
-#include <new>
-#include <fstream>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -43,12 +42,12 @@ void operator delete(void *p, std::size_t) noexcept {
 namespace {
 
 namespace fs = std::filesystem;
+using qxtest::put;
 
 auto *const sandbox_env = qxtest::register_sandbox();
 
 constexpr char kAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXZabcdefghijklmnopqrstuvwxyz";
-const std::string kUpQueue = "storage:upqueue:s3:main";
-const std::string kDelQueue = "storage:delqueue:s3:main";
+const std::string kUpQueue = "storage:upqueue:s3:main", kDelQueue = "storage:delqueue:s3:main";
 
 // ---- the transfer service ------------------------------------------------------------------
 
@@ -59,46 +58,37 @@ struct Download {
 };
 
 struct FakeService {
-    std::atomic<bool> usable{true};
-    std::atomic<bool> refuse{false};
-    std::string location = "zone-a";
-    std::atomic<int> location_calls{0};
+    std::atomic<bool> usable{true}, refuse{false}, starve_after_location{false};
     std::atomic<int> releases{0};
-    std::atomic<bool> starve_after_location{false};
+    std::string location = "zone-a";
     std::mutex mutex;
     std::vector<Download> downloads;
-    std::vector<std::string> location_args;  // "node|a|b|arg" of each location query
+    std::string location_args;  // "node|a|b|arg" of the last location query
+} *g_service = nullptr;
+
+const char *or_dash(const char *s) {
+    return s ? s : "-";
+}
+
+const qx_storage_api kApi = {
+    [] { return g_service->usable ? 1 : 0; },
+    [](const char *node, const char *a, const char *b, void *arg) -> char * {
+        std::lock_guard lock(g_service->mutex);
+        g_service->location_args = std::string(or_dash(node)) + "|" + or_dash(a) + "|" +
+                                   or_dash(b) + "|" + (arg ? "arg" : "-");
+        char *out = g_service->location.empty() ? nullptr : strdup(g_service->location.c_str());
+        if (g_service->starve_after_location) g_fail_new = true;
+        return out;
+    },
+    [](const char *stored, const char *shard, const char *engine, const char *extra,
+       const char *target, qx_storage_download_done_fn done, void *arg) -> void * {
+        if (g_service->refuse) return nullptr;
+        std::lock_guard lock(g_service->mutex);
+        g_service->downloads.push_back({stored, shard, engine, or_dash(extra), target, done, arg});
+        return reinterpret_cast<void *>(g_service->downloads.size());
+    },
+    [](void *) { ++g_service->releases; },
 };
-
-FakeService *g_service = nullptr;
-
-int fake_usable() {
-    return g_service->usable ? 1 : 0;
-}
-
-char *fake_location(const char *node, const char *a, const char *b, void *arg) {
-    ++g_service->location_calls;
-    std::lock_guard lock(g_service->mutex);
-    g_service->location_args.push_back(std::string(node ? node : "-") + "|" + (a ? a : "-") + "|" +
-                                       (b ? b : "-") + "|" + (arg ? "arg" : "-"));
-    char *out = g_service->location.empty() ? nullptr : strdup(g_service->location.c_str());
-    if (g_service->starve_after_location) g_fail_new = true;
-    return out;
-}
-
-void *fake_download(const char *stored, const char *shard, const char *engine, const char *extra,
-                    const char *target, qx_storage_download_done_fn done, void *arg) {
-    if (g_service->refuse) return nullptr;
-    std::lock_guard lock(g_service->mutex);
-    g_service->downloads.push_back({stored, shard, engine, extra ? extra : "", target, done, arg});
-    return reinterpret_cast<void *>(g_service->downloads.size());
-}
-
-void fake_release(void *) {
-    ++g_service->releases;
-}
-
-const qx_storage_api kApi = {fake_usable, fake_location, fake_download, fake_release};
 
 // ---- helpers -----------------------------------------------------------------------------
 
@@ -107,24 +97,23 @@ struct StorageConf : qxtest::ConfFile {
 };
 
 std::string conf_text(const char *system) {
-    return std::string("STORAGE_SYSTEM ") + system + "\n" +
-           "STORAGE_TRANSFERIN_D " QX_STORAGE_TRANSFERIN_DIR
-           "\n"
-           "STORAGE_TRANSFEROUT_D " QX_STORAGE_TRANSFEROUT_DIR
-           "\n"
-           "STORAGE_CACHE_D " QX_STORAGE_CACHE_DIR
-           "\n"
-           "STORAGE_CACHE_EXPIRE 7\nS3_UPL_INTERVAL 30\n";
+    return std::string("STORAGE_SYSTEM ") + system +
+           "\nSTORAGE_TRANSFERIN_D " QX_STORAGE_TRANSFERIN_DIR
+           "\nSTORAGE_TRANSFEROUT_D " QX_STORAGE_TRANSFEROUT_DIR
+           "\nSTORAGE_CACHE_D " QX_STORAGE_CACHE_DIR
+           "\nSTORAGE_CACHE_EXPIRE 7\nS3_UPL_INTERVAL 30\n";
 }
 
-std::string content_of(const std::string &path) {
-    return qxtest::read_file(path).value_or("?");
+std::string content_of(const char *path) {
+    return path ? qxtest::read_file(path).value_or("?") : "(no path)";
 }
-
-using qxtest::put;
 
 std::string cache_file(const std::string &key) {
     return std::string(QX_STORAGE_CACHE_DIR) + "/main/" + key;
+}
+
+std::string temp_dir(qx_storage_session *s) {
+    return fs::path(qx_storage_get_temp_file(s)).parent_path();
 }
 
 class Storage : public ::testing::Test {
@@ -152,10 +141,9 @@ class Storage : public ::testing::Test {
             for (std::string m; std::getline(members, m);)
                 if (m.find(mine) != std::string::npos) qxtest::redis({"ZREM", queue, m});
         }
-        std::error_code ec;
         for (const char *word : {"rc", "vm", "fx"})
-            fs::remove_all(cache_file(word + mine), ec);
-        fs::remove_all(base_, ec);
+            fs::remove_all(cache_file(word + mine));
+        fs::remove_all(base_);
     }
 
     void init(const char *system) {
@@ -165,17 +153,23 @@ class Storage : public ::testing::Test {
 
     // A row of the type's table; its id is the file id of a commit.
     int add_row(const std::string &table) {
-        qxtest::sql("INSERT INTO " + table + " (extension_id) VALUES (" + std::to_string(ext_) +
-                    ")");
-        return static_cast<int>(qxtest::sql_int("SELECT MAX(id) FROM " + table +
-                                                " WHERE extension_id=" + std::to_string(ext_)));
+        return static_cast<int>(qxtest::sql_int("INSERT INTO " + table +
+                                                " (extension_id) VALUES (" + std::to_string(ext_) +
+                                                "); SELECT LAST_INSERT_ID()"));
     }
-    qxtest::Row row(const std::string &table, const std::string &name_col, int id) {
-        auto rows = qxtest::sql_rows("SELECT " + name_col + ", se, az FROM " + table +
-                                     " WHERE id=" + std::to_string(id));
-        return rows.empty() ? qxtest::Row{} : rows[0];
+    // "name|engine|location" of a row, NULL columns as "NULL".
+    std::string stored(const std::string &table, const std::string &name_col, int id) {
+        const auto rows = qxtest::sql_rows("SELECT " + name_col + ", se, az FROM " + table +
+                                           " WHERE id=" + std::to_string(id));
+        std::string out;
+        for (const auto &col : rows.at(0))
+            out += col.value_or("NULL") + "|";
+        return out;
     }
-
+    std::string s3_key(int file_id) const {
+        return "rc/" + std::to_string(ids_) + "/" + std::to_string(ids_ + 1) + "/" +
+               std::to_string(file_id) + ".wav";
+    }
     // A committed S3 file of type recording; returns the object key.
     std::string store_s3(int file_id, const std::string &content) {
         qx_storage_session *s = qx_storage_session_create(1, ids_, ids_ + 1, "wav");
@@ -184,33 +178,26 @@ class Storage : public ::testing::Test {
         put(qx_storage_get_temp_file(s), content);
         EXPECT_EQ(qx_storage_commit_file(s, file_id), 0);
         qx_storage_release_session(s);
-        return "rc/" + std::to_string(ids_) + "/" + std::to_string(ids_ + 1) + "/" +
-               std::to_string(file_id) + ".wav";
+        return s3_key(file_id);
     }
 
-    int ids_ = 0;
-    int ext_ = 0;
+    int ids_ = 0, ext_ = 0;
     std::string base_;
     FakeService service_;
 };
 
-std::string opt(const std::optional<std::string> &v) {
-    return v.value_or("NULL");
-}
-
 // ---- POSIX ---------------------------------------------------------------------------------
 
 TEST_F(Storage, PosixStoresAndRetrievesEachType) {
-    struct Case {
+    const struct {
         int type;
         const char *table, *name_col, *folder;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {1, "extension_recording", "filename", "/monitor"},
         {2, "extension_voicemail", "filename", "/voicemail"},
         {3, "extension_fax_center", "file_name", "/fax"},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.table);
         const std::string folder = base_ + c.folder;
         const int id = add_row(c.table);
@@ -218,116 +205,93 @@ TEST_F(Storage, PosixStoresAndRetrievesEachType) {
         ASSERT_NE(s, nullptr);
         EXPECT_EQ(qx_storage_get_session_status(s), 1);
         const std::string temp = qx_storage_get_temp_file(s);
-        EXPECT_EQ(fs::path(temp).parent_path(), fs::path(folder + "/tmp"));
+        EXPECT_EQ(temp_dir(s), folder + "/tmp");
         put(temp, "payload");
-
         ASSERT_EQ(qx_storage_commit_file(s, id), 0);
-        const std::string expected = folder + "/7/8/" + std::to_string(id) + ".wav";
-        EXPECT_EQ(qx_storage_get_file_path(s), expected);
-        EXPECT_EQ(content_of(expected), "payload");
+        const std::string path = folder + "/7/8/" + std::to_string(id) + ".wav";
+        EXPECT_EQ(qx_storage_get_file_path(s), path);
+        EXPECT_EQ(content_of(path.c_str()), "payload");
         EXPECT_FALSE(fs::exists(temp));
-        struct stat st;
-        ASSERT_EQ(stat(expected.c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 0777, 0770u);
+        EXPECT_EQ(fs::status(path).permissions(), fs::perms(0770));
         qx_storage_release_session(s);
-
         // The POSIX store records no name: the path follows from the row.
-        const auto r = row(c.table, c.name_col, id);
-        ASSERT_EQ(r.size(), 3u);
-        EXPECT_EQ(opt(r[0]), "");
-        EXPECT_EQ(opt(r[1]), "posix");
-        EXPECT_EQ(opt(r[2]), "zone-a");
+        EXPECT_EQ(stored(c.table, c.name_col, id), "|posix|zone-a|");
 
-        const std::string stored = "7/8/" + std::to_string(id) + ".wav";
+        const std::string name = "7/8/" + std::to_string(id) + ".wav";
         for (const char *engine : {"posix", "POSIX", static_cast<const char *>(nullptr)}) {
-            qx_storage_session *got =
-                qx_storage_session_retrieve(c.type, stored.c_str(), engine, "");
+            qx_storage_session *got = qx_storage_session_retrieve(c.type, name.c_str(), engine, "");
             ASSERT_NE(got, nullptr);
             EXPECT_EQ(qx_storage_wait_for_file(got), 3);
-            EXPECT_EQ(qx_storage_get_file_path(got), expected);
+            EXPECT_EQ(qx_storage_get_file_path(got), path);
             qx_storage_release_session(got);
         }
-        EXPECT_EQ(qx_storage_delete(c.type, stored.c_str(), "posix", nullptr), 0);
-        EXPECT_FALSE(fs::exists(expected));
-
+        EXPECT_EQ(qx_storage_delete(c.type, name.c_str(), "posix", nullptr), 0);
+        EXPECT_FALSE(fs::exists(path));
         qxtest::LogCapture log;
-        EXPECT_EQ(qx_storage_delete(c.type, stored.c_str(), "posix", nullptr), -1);
-        EXPECT_TRUE(log.contains("Could not remove file [" + expected + "]"));
-        EXPECT_EQ(qx_storage_session_retrieve(c.type, stored.c_str(), "posix", ""), nullptr);
-        EXPECT_TRUE(log.contains("Cannot retrieve requested file from storage [" + expected));
+        EXPECT_EQ(qx_storage_delete(c.type, name.c_str(), "posix", nullptr), -1);
+        EXPECT_TRUE(log.contains("Could not remove file [" + path + "]"));
+        EXPECT_EQ(qx_storage_session_retrieve(c.type, name.c_str(), "posix", ""), nullptr);
+        EXPECT_TRUE(log.contains("Cannot retrieve requested file from storage [" + path));
     }
     EXPECT_EQ(service_.downloads.size(), 0u);
 }
 
 TEST_F(Storage, PosixCommitFollowsTheRequestedName) {
-    const std::string folder = base_ + "/voicemail";
-    const std::string outside = base_ + "/elsewhere/msg.wav";
-    struct Case {
+    const std::string folder = base_ + "/voicemail", outside = base_ + "/elsewhere/msg.wav";
+    const struct {
         std::optional<std::string> name;
-        std::string final_path;  // {id} stands for the file id
-        std::string stored;      // the file column stays '' for POSIX; this is the session's
-    };
-    const Case cases[] = {
+        std::string path, stored;  // {id} stands for the file id; stored: the session's name
+    } cases[] = {
         {std::nullopt, folder + "/3/4/{id}.gsm", "3/4/{id}.gsm"},
         {"INBOX/msg0001.gsm", folder + "/INBOX/msg0001.gsm", "INBOX/msg0001.gsm"},
         {folder + "/Old/msg0002.gsm", folder + "/Old/msg0002.gsm", "Old/msg0002.gsm"},
         {outside, outside, outside},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         SCOPED_TRACE(c.name.value_or("(default)"));
         const int id = add_row("extension_voicemail");
         auto fill = [id](std::string s) {
-            size_t at = s.find("{id}");
-            if (at != std::string::npos) s.replace(at, 4, std::to_string(id));
+            if (size_t at = s.find("{id}"); at != std::string::npos)
+                s.replace(at, 4, std::to_string(id));
             return s;
         };
         qx_storage_session *s = qx_storage_session_create(2, 3, 4, "gsm");
         ASSERT_NE(s, nullptr);
         if (c.name) {
-            ASSERT_EQ(qx_storage_set_posix_filename(s, c.name->c_str()), 0);
+            EXPECT_EQ(qx_storage_set_posix_filename(s, c.name->c_str()), 0);
         }
         put(qx_storage_get_temp_file(s), "vm");
         ASSERT_EQ(qx_storage_commit_file(s, id), 0);
-        EXPECT_EQ(qx_storage_get_file_path(s), fill(c.final_path));
-        EXPECT_EQ(content_of(fill(c.final_path)), "vm");
+        EXPECT_EQ(qx_storage_get_file_path(s), fill(c.path));
+        EXPECT_EQ(content_of(fill(c.path).c_str()), "vm");
         qx_storage_release_session(s);
-        if (fill(c.stored)[0] != '/') {
-            qx_storage_session *r =
-                qx_storage_session_retrieve(2, fill(c.stored).c_str(), "posix", nullptr);
-            ASSERT_NE(r, nullptr) << "stored name does not lead back to the file";
-            qx_storage_release_session(r);
-        }
+        if (c.stored[0] == '/') continue;
+        qx_storage_session *r = qx_storage_session_retrieve(2, fill(c.stored).c_str(), "posix", 0);
+        EXPECT_NE(r, nullptr) << "stored name does not lead back to the file";
+        if (r) qx_storage_release_session(r);
     }
 }
 
-TEST_F(Storage, TemporaryNamesCarryTheCutExtension) {
-    struct Case {
-        const char *ext;
-        std::string suffix;
-    };
-    const Case cases[] = {
-        {nullptr, ""},
-        {"", ""},
-        {"wav", ".wav"},
-        {"abcdefghijklmnopqrst", ".abcdefghijklmno"},
-        {"abcdefghijklmno", ".abcdefghijklmno"},
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.ext ? c.ext : "(null)");
+TEST_F(Storage, TemporaryNamesAreSixteenDrawnCharactersAndTheCutExtension) {
+    const struct {
+        const char *ext, *suffix;
+    } cases[] = {{nullptr, ""},
+                 {"", ""},
+                 {"wav", ".wav"},
+                 {"abcdefghijklmnopqrst", ".abcdefghijklmno"},
+                 {"abcdefghijklmno", ".abcdefghijklmno"}};
+    for (const auto &c : cases) {
         qx_storage_session *s = qx_storage_session_create(3, 1, 2, c.ext);
         ASSERT_NE(s, nullptr);
         const std::string name = fs::path(qx_storage_get_temp_file(s)).filename();
-        ASSERT_EQ(name.size(), 16 + c.suffix.size());
+        ASSERT_EQ(name.size(), 16 + std::strlen(c.suffix)) << name;
         EXPECT_EQ(name.substr(16), c.suffix);
-        EXPECT_EQ(name.substr(0, 16).find_first_not_of(kAlphabet), std::string::npos);
+        EXPECT_EQ(name.substr(0, 16).find_first_not_of(kAlphabet), std::string::npos) << name;
         EXPECT_TRUE(fs::exists(qx_storage_get_temp_file(s)));
         qx_storage_release_session(s);
     }
-}
 
-TEST_F(Storage, FiveNameCollisionsFailTheSession) {
-    const std::string tmp = base_ + "/fax/tmp/";
-    fs::create_directories(tmp);
+    // Names are drawn with rand(): four taken names make the fifth draw, five fail the session.
     constexpr unsigned kSeed = 4242;
     std::srand(kSeed);
     std::vector<std::string> names;
@@ -335,25 +299,22 @@ TEST_F(Storage, FiveNameCollisionsFailTheSession) {
         std::string n;
         for (int i = 0; i < 16; ++i)
             n += kAlphabet[std::rand() % 61];
-        names.push_back(tmp + n + ".pdf");
+        names.push_back(base_ + "/fax/tmp/" + n + ".pdf");
     }
     for (size_t i = 0; i < 4; ++i)
         put(names[i], "taken");
-
-    // Four taken names: the fifth draw succeeds.
     std::srand(kSeed);
     qx_storage_session *s = qx_storage_session_create(3, 1, 2, "pdf");
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(qx_storage_get_temp_file(s), names[4]);
     qx_storage_release_session(s);
-
     put(names[4], "taken");
     qxtest::LogCapture log;
     std::srand(kSeed);
     EXPECT_EQ(qx_storage_session_create(3, 1, 2, "pdf"), nullptr);
     EXPECT_TRUE(log.contains("Failed to create temporary file [" + names[4] + "]"));
     for (const auto &n : names)
-        EXPECT_EQ(content_of(n), "taken");
+        EXPECT_EQ(content_of(n.c_str()), "taken");
 }
 
 TEST_F(Storage, RejectsUnknownTypesAndEngines) {
@@ -367,52 +328,43 @@ TEST_F(Storage, RejectsUnknownTypesAndEngines) {
     errno = 0;
     EXPECT_EQ(qx_storage_delete(1, "1/2/3.wav", "s3x", "zone"), -1);
     EXPECT_EQ(errno, EINVAL);
-
-    struct Case {
-        const char *word;
-        int engine;
-    };
-    const Case words[] = {{nullptr, 1}, {"posix", 1}, {"Posix", 1}, {"s3", 2},  {"S3", 2},
-                          {"s3 ", -1},  {"posi", -1}, {"", -1},     {"s33", -1}};
-    for (const Case &c : words)
-        EXPECT_EQ(qx_storage_engine_from_text(c.word), c.engine);
+    const std::pair<const char *, int> words[] = {{nullptr, 1}, {"posix", 1}, {"Posix", 1},
+                                                  {"s3", 2},    {"S3", 2},    {"s3 ", -1},
+                                                  {"posi", -1}, {"", -1},     {"s33", -1}};
+    for (auto [word, engine] : words)
+        EXPECT_EQ(qx_storage_engine_from_text(word), engine) << or_dash(word);
 }
 
 TEST_F(Storage, ReleasingFreesTheSessionExactlyOnce) {
     qxtest::LogCapture log;
-    qx_storage_session *s = qx_storage_session_create(1, 1, 2, "wav");
-    ASSERT_NE(s, nullptr);
-    char tag[64];
-    std::snprintf(tag, sizeof tag, "Storage session [%p] destroyed.", static_cast<void *>(s));
-    const std::string temp = qx_storage_get_temp_file(s);
-    qx_storage_ref_session(s);
-    qx_storage_ref_session(s);
-    qx_storage_release_session(s);
-    qx_storage_release_session(s);
-    EXPECT_EQ(log.count(tag), 0u);
-    EXPECT_TRUE(fs::exists(temp)) << "destroyed while still referenced";
-    qx_storage_release_session(s);
-    EXPECT_EQ(log.count(tag), 1u);
-    EXPECT_FALSE(fs::exists(temp)) << "the uncommitted temporary file outlived its session";
-
-    // References taken and given back from several threads at once.
-    s = qx_storage_session_create(1, 1, 2, "wav");
-    ASSERT_NE(s, nullptr);
-    std::snprintf(tag, sizeof tag, "Storage session [%p] destroyed.", static_cast<void *>(s));
-    const size_t before = log.count(tag);  // the address may be reused
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([s] {
-            for (int i = 0; i < 1000; ++i) {
-                qx_storage_ref_session(s);
-                qx_storage_release_session(s);
-            }
-        });
-    for (auto &t : threads)
-        t.join();
-    EXPECT_EQ(log.count(tag), before);
-    qx_storage_release_session(s);
-    EXPECT_EQ(log.count(tag), before + 1);
+    for (int threads : {0, 4}) {
+        qx_storage_session *s = qx_storage_session_create(1, 1, 2, "wav");
+        ASSERT_NE(s, nullptr);
+        char tag[64];
+        std::snprintf(tag, sizeof tag, "Storage session [%p] destroyed.", static_cast<void *>(s));
+        const size_t before = log.count(tag);  // the address may be reused
+        const std::string temp = qx_storage_get_temp_file(s);
+        // References taken and given back in turn, or from several threads at once.
+        qx_storage_ref_session(s);
+        qx_storage_ref_session(s);
+        qx_storage_release_session(s);
+        qx_storage_release_session(s);
+        std::vector<std::thread> pool;
+        for (int t = 0; t < threads; ++t)
+            pool.emplace_back([s] {
+                for (int i = 0; i < 1000; ++i) {
+                    qx_storage_ref_session(s);
+                    qx_storage_release_session(s);
+                }
+            });
+        for (auto &t : pool)
+            t.join();
+        EXPECT_EQ(log.count(tag), before);
+        EXPECT_TRUE(fs::exists(temp)) << "destroyed while still referenced";
+        qx_storage_release_session(s);
+        EXPECT_EQ(log.count(tag), before + 1);
+        EXPECT_FALSE(fs::exists(temp)) << "the uncommitted temporary file outlived its session";
+    }
 }
 
 // ---- S3 ------------------------------------------------------------------------------------
@@ -421,80 +373,57 @@ TEST_F(Storage, S3CommitCachesTheFileAndQueuesOneUpload) {
     service_.location = "loc" + std::to_string(ids_);
     init("s3");
     const int id = add_row("extension_recording");
-    const double t0 =
-        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    const time_t t0 = time(nullptr);
     qx_storage_session *s = qx_storage_session_create(1, ids_, ids_ + 1, "wav");
     ASSERT_NE(s, nullptr);
-    EXPECT_EQ(fs::path(qx_storage_get_temp_file(s)).parent_path(),
-              fs::path(QX_STORAGE_TRANSFEROUT_DIR "/main"));
+    EXPECT_EQ(temp_dir(s), QX_STORAGE_TRANSFEROUT_DIR "/main");
     put(qx_storage_get_temp_file(s), "s3 payload");
     ASSERT_EQ(qx_storage_commit_file(s, id), 0);
-    const double t1 =
-        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
-    const std::string key = "rc/" + std::to_string(ids_) + "/" + std::to_string(ids_ + 1) + "/" +
-                            std::to_string(id) + ".wav";
+    const std::string key = s3_key(id);
     EXPECT_EQ(qx_storage_get_file_path(s), cache_file(key));
-    EXPECT_EQ(content_of(cache_file(key)), "s3 payload");
+    EXPECT_EQ(content_of(cache_file(key).c_str()), "s3 payload");
     qx_storage_release_session(s);
-
-    const std::string member = service_.location + ":" + key;
-    const std::string score = qxtest::redis({"ZSCORE", kUpQueue, member});
-    ASSERT_NE(score, "(nil)");
-    EXPECT_GE(std::stod(score), t0 - 1);
-    EXPECT_LE(std::stod(score), t1 + 1);
-    const std::string all = qxtest::redis({"ZRANGE", kUpQueue, "0", "-1"});
-    size_t count = 0;
-    for (size_t at = all.find(service_.location + ":"); at != std::string::npos;
-         at = all.find(service_.location + ":", at + 1))
-        ++count;
-    EXPECT_EQ(count, 1u);
-
-    const auto r = row("extension_recording", "filename", id);
-    ASSERT_EQ(r.size(), 3u);
-    EXPECT_EQ(opt(r[0]), key);
-    EXPECT_EQ(opt(r[1]), "s3");
-    EXPECT_EQ(opt(r[2]), service_.location);
+    // Queued once, scored with the time of the commit.
+    std::stringstream members(qxtest::redis({"ZRANGE", kUpQueue, "0", "-1"}));
+    std::vector<std::string> mine;
+    for (std::string m; std::getline(members, m);)
+        if (m.starts_with(service_.location + ":")) mine.push_back(m);
+    EXPECT_EQ(mine, std::vector<std::string>{service_.location + ":" + key});
+    const double score = std::stod(qxtest::redis({"ZSCORE", kUpQueue, mine.at(0)}));
+    EXPECT_GE(score, t0 - 1);
+    EXPECT_LE(score, time(nullptr) + 1);
+    EXPECT_EQ(stored("extension_recording", "filename", id),
+              key + "|s3|" + service_.location + "|");
 }
 
-TEST_F(Storage, S3RetrievalFromTheCacheNeedsNoService) {
+// A retrieval served from the cache, or a download completed (well or not) on the service's
+// thread while the caller waits, or refused at once.
+TEST_F(Storage, RetrievalWaitsForTheDownloadUnlessTheCacheHasTheFile) {
     init("s3");
-    const std::string key = "vm/" + std::to_string(ids_) + "/1/5.wav";
-    put(cache_file(key), "cached");
-    qx_storage_session *s = qx_storage_session_retrieve(2, key.c_str(), "s3", "extra");
-    ASSERT_NE(s, nullptr);
-    EXPECT_EQ(qx_storage_get_session_status(s), 3);
-    EXPECT_EQ(qx_storage_get_file_path(s), cache_file(key));
-    EXPECT_EQ(service_.downloads.size(), 0u);
-    qx_storage_release_session(s);
-}
-
-TEST_F(Storage, DownloadCompletedOnAnotherThreadWakesTheWaiter) {
-    init("s3");
-    struct Case {
-        int code;
-        bool refuse;
-        int status;
-    };
-    const Case cases[] = {{3, false, 3}, {7, false, 4}, {0, true, 4}};
+    const struct {
+        bool cached, refuse;
+        int code, status;
+    } cases[] = {
+        {true, false, 0, 3}, {false, false, 3, 3}, {false, false, 7, 4}, {false, true, 0, 4}};
     int n = 0;
-    for (const Case &c : cases) {
-        SCOPED_TRACE("code " + std::to_string(c.code) + (c.refuse ? " refused" : ""));
+    for (const auto &c : cases) {
+        SCOPED_TRACE("case " + std::to_string(n));
         const std::string key = "fx/" + std::to_string(ids_) + "/2/" + std::to_string(++n) + ".pdf";
+        if (c.cached) put(cache_file(key), "cached");
         service_.refuse = c.refuse;
         const size_t started = service_.downloads.size();
         const int released = service_.releases;
         qx_storage_session *s = qx_storage_session_retrieve(3, key.c_str(), "s3", "xtra");
         ASSERT_NE(s, nullptr);
+        const bool downloads = !c.cached && !c.refuse;
+        ASSERT_EQ(service_.downloads.size(), started + (downloads ? 1 : 0));
         std::thread completer;
-        if (!c.refuse) {
-            ASSERT_EQ(service_.downloads.size(), started + 1);
+        if (downloads) {
             EXPECT_EQ(qx_storage_get_session_status(s), 1);
-            Download d = service_.downloads.back();
-            EXPECT_EQ(d.stored, key);
-            EXPECT_EQ(d.shard, "main");
-            EXPECT_EQ(d.engine, "s3");
-            EXPECT_EQ(d.extra, "xtra");
-            EXPECT_EQ(fs::path(d.target).parent_path(), fs::path(QX_STORAGE_TRANSFERIN_DIR));
+            const Download d = service_.downloads.back();
+            EXPECT_EQ(d.stored + "|" + d.shard + "|" + d.engine + "|" + d.extra,
+                      key + "|main|s3|xtra");
+            EXPECT_EQ(fs::path(d.target).parent_path(), QX_STORAGE_TRANSFERIN_DIR);
             completer = std::thread([d, code = c.code] {
                 std::this_thread::sleep_for(std::chrono::milliseconds(100));
                 put(d.target, "downloaded");
@@ -503,16 +432,14 @@ TEST_F(Storage, DownloadCompletedOnAnotherThreadWakesTheWaiter) {
         }
         EXPECT_EQ(qx_storage_wait_for_file(s), c.status);
         if (completer.joinable()) completer.join();
-        if (c.status == 3) {
-            EXPECT_EQ(qx_storage_get_file_path(s), cache_file(key));
-            EXPECT_EQ(content_of(cache_file(key)), "downloaded");
+        const std::string want = c.cached ? "cached" : "downloaded";
+        EXPECT_EQ(content_of(qx_storage_get_file_path(s)), c.status == 3 ? want : "(no path)");
+        EXPECT_EQ(fs::exists(cache_file(key)), c.status == 3);
+        if (downloads && c.status == 3) {  // moved into the cache
             EXPECT_FALSE(fs::exists(service_.downloads.back().target));
-        } else {
-            EXPECT_EQ(qx_storage_get_file_path(s), nullptr);
-            EXPECT_FALSE(fs::exists(cache_file(key)));
         }
         qx_storage_release_session(s);
-        EXPECT_EQ(service_.releases, released + (c.refuse ? 0 : 1));
+        EXPECT_EQ(service_.releases, released + (downloads ? 1 : 0));
     }
     service_.refuse = false;
 }
@@ -529,16 +456,13 @@ TEST_F(Storage, UnusableS3StoresUnderPosix) {
                      "to POSIX"));
     put(qx_storage_get_temp_file(s), "fax");
     ASSERT_EQ(qx_storage_commit_file(s, id), 0);
-    const std::string expected = base_ + "/fax/5/6/" + std::to_string(id) + ".pdf";
-    EXPECT_EQ(qx_storage_get_file_path(s), expected);
-    EXPECT_EQ(content_of(expected), "fax");
+    const std::string path = base_ + "/fax/5/6/" + std::to_string(id) + ".pdf";
+    EXPECT_EQ(qx_storage_get_file_path(s), path);
+    EXPECT_EQ(content_of(path.c_str()), "fax");
     qx_storage_release_session(s);
-    const auto r = row("extension_fax_center", "file_name", id);
-    ASSERT_EQ(r.size(), 3u);
-    EXPECT_EQ(opt(r[1]), "posix");
+    EXPECT_EQ(stored("extension_fax_center", "file_name", id), "|posix|zone-a|");
     EXPECT_EQ(qxtest::redis({"ZSCORE", kUpQueue, "zone-a:fx/5/6/" + std::to_string(id) + ".pdf"}),
               "(nil)");
-
     EXPECT_EQ(qx_storage_session_retrieve(3, "fx/5/6/1.pdf", "s3", ""), nullptr);
     EXPECT_TRUE(
         log.contains("The S3 storage engine is disabled due to a configuration error. "
@@ -550,7 +474,6 @@ TEST_F(Storage, S3DeletionQueuesMembers) {
     init("s3");
     const std::string key = store_s3(add_row("extension_recording"), "gone soon");
     ASSERT_TRUE(fs::exists(cache_file(key)));
-
     EXPECT_EQ(qx_storage_delete(1, key.c_str(), "s3", service_.location.c_str()), 0);
     EXPECT_NE(qxtest::redis({"ZSCORE", kDelQueue, service_.location + ":o:" + key}), "(nil)");
     EXPECT_FALSE(fs::exists(cache_file(key)));
@@ -566,16 +489,13 @@ TEST_F(Storage, S3DeletionQueuesMembers) {
         const std::string member = service_.location + ":r:" + word + "/" + ids;
         EXPECT_NE(qxtest::redis({"ZSCORE", kDelQueue, member}), "(nil)") << member;
     }
-    std::vector<std::string> kinds;
+    std::string kinds;
     for (const auto &line : log.lines())
         for (const char *kind : {"voicemail", "fax", "recording"})
             if (line.find(std::string("Adding ") + kind + " recursive member") != std::string::npos)
-                kinds.push_back(kind);
-    EXPECT_EQ(kinds, (std::vector<std::string>{"voicemail", "fax", "recording"}));
-    {
-        std::lock_guard lock(service_.mutex);
-        EXPECT_EQ(service_.location_args.back(), "sandbox-node|owner|reseller|arg");
-    }
+                kinds += std::string(kind) + " ";
+    EXPECT_EQ(kinds, "voicemail fax recording ");
+    EXPECT_EQ(service_.location_args, "sandbox-node|owner|reseller|arg");
 
     service_.location.clear();  // the service cannot tell its location
     errno = 0;
@@ -586,8 +506,6 @@ TEST_F(Storage, S3DeletionQueuesMembers) {
 TEST_F(Storage, QueueWritesThatFailFailTheCallAndChangeNothing) {
     service_.location = "q" + std::to_string(ids_);
     const int id = add_row("extension_recording");
-    const std::string key = "rc/" + std::to_string(ids_) + "/" + std::to_string(ids_ + 1) + "/" +
-                            std::to_string(id) + ".wav";
     // A DisDB that cannot be reached for the whole test: every queue write fails.
     qxtest::ConfFile dead(qxtest::path("/etc/quorvex/disdbase.conf"),
                           "DISDBASE_HOST main:n:c:" + qxtest::path("/run/no-such-redis.sock") +
@@ -599,33 +517,30 @@ TEST_F(Storage, QueueWritesThatFailFailTheCallAndChangeNothing) {
     put(qx_storage_get_temp_file(s), "never queued");
     EXPECT_EQ(qx_storage_commit_file(s, id), -1);
     qx_storage_release_session(s);
-    EXPECT_TRUE(log.contains("Failed to queue file [" + key + "]."));
-    EXPECT_EQ(opt(row("extension_recording", "filename", id)[1]), "NULL") << "no location recorded";
+    EXPECT_TRUE(log.contains("Failed to queue file [" + s3_key(id) + "]."));
+    EXPECT_EQ(stored("extension_recording", "filename", id), "NULL|NULL|NULL|")
+        << "no location recorded";
 
-    struct Case {
+    const std::string key = s3_key(id);
+    auto owner_delete = [&] { return qx_storage_delete_extension(ids_ + 1, "a", ids_, "b", 0); };
+    const struct {
         const char *what;
         std::function<int()> call;
         bool starve;
         int error;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"object delete", [&] { return qx_storage_delete(1, key.c_str(), "s3", "loc"); }, false,
          EIO},
-        {"owner delete",
-         [&] { return qx_storage_delete_extension(ids_ + 1, "a", ids_, "b", nullptr); }, false,
-         EIO},
-        {"owner delete out of memory",
-         [&] { return qx_storage_delete_extension(ids_ + 1, "a", ids_, "b", nullptr); }, true,
-         ENOMEM},
+        {"owner delete", owner_delete, false, EIO},
+        {"owner delete out of memory", owner_delete, true, ENOMEM},
     };
-    for (const Case &c : cases) {
+    for (const auto &c : cases) {
         service_.starve_after_location = c.starve;
         errno = 0;
         const int rc = c.call();
         g_fail_new = false;
         service_.starve_after_location = false;
-        EXPECT_EQ(rc, -1) << c.what;
-        EXPECT_EQ(errno, c.error) << c.what;
+        EXPECT_EQ(std::make_pair(rc, errno), std::make_pair(-1, c.error)) << c.what;
     }
     EXPECT_EQ(qxtest::redis({"ZRANGE", kDelQueue, "0", "-1"}).find(service_.location),
               std::string::npos);
@@ -681,8 +596,7 @@ TEST_F(Storage, LoadsSettingsAndReportsValuesItCannotUse) {
         // The default transfer-out folder stays when the configured one is unusable.
         qx_storage_session *s = qx_storage_session_create(1, 1, 2, "wav");
         ASSERT_NE(s, nullptr);
-        EXPECT_EQ(fs::path(qx_storage_get_temp_file(s)).parent_path(),
-                  fs::path(c.s3 ? QX_STORAGE_TRANSFEROUT_DIR "/main" : base_ + "/monitor/tmp"));
+        EXPECT_EQ(temp_dir(s), c.s3 ? QX_STORAGE_TRANSFEROUT_DIR "/main" : base_ + "/monitor/tmp");
         qx_storage_release_session(s);
     }
     EXPECT_EQ(qx_storage_load_config(nullptr, nullptr), -1);
@@ -721,8 +635,7 @@ TEST_F(Storage, SessionsRunWhileTheModuleIsReinitialised) {
                 });
                 EXPECT_EQ(qx_storage_commit_file(s, std::stoi(id)), 0);
                 reader.join();
-                const char *path = qx_storage_get_file_path(s);
-                EXPECT_TRUE(path && content_of(path) == id) << (path ? path : "(no path)");
+                EXPECT_EQ(content_of(qx_storage_get_file_path(s)), id);
                 qx_storage_release_session(s);
             }
             --workers_left;
@@ -730,7 +643,6 @@ TEST_F(Storage, SessionsRunWhileTheModuleIsReinitialised) {
     for (auto &w : workers)
         w.join();
     initialiser.join();
-    EXPECT_GT(inits, 0);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <hiredis/hiredis.h>
 #include <mysql.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -82,23 +83,17 @@ bool query(const std::string &statement, std::vector<Row> *rows) {
 }
 
 std::string render(const redisReply *r) {
-    switch (r->type) {
-        case REDIS_REPLY_STRING:
-        case REDIS_REPLY_STATUS:
-            return std::string(r->str, r->len);
-        case REDIS_REPLY_ERROR:
-            return "ERR " + std::string(r->str, r->len);
-        case REDIS_REPLY_INTEGER:
-            return std::to_string(r->integer);
-        case REDIS_REPLY_ARRAY: {
-            std::string out;
-            for (size_t i = 0; i < r->elements; ++i)
-                out += (i ? "\n" : "") + render(r->element[i]);
-            return out;
-        }
-        default:
-            return "(nil)";
-    }
+    std::string out = r->type == REDIS_REPLY_ERROR ? "ERR " : "";
+    if (r->type == REDIS_REPLY_INTEGER) return std::to_string(r->integer);
+    if (r->type == REDIS_REPLY_NIL) return "(nil)";
+    for (size_t i = 0; i < r->elements; ++i)
+        out += (i ? "\n" : "") + render(r->element[i]);
+    return r->str ? out + std::string(r->str, r->len) : out;
+}
+
+void start_sandbox() {
+    RunResult r = run({std::string(QX_SOURCE_DIR) + "/scripts/sandbox", "start", root()});
+    if (r.status != 0) ADD_FAILURE() << "sandbox did not start: " << r.out << r.err;
 }
 
 class SandboxEnv : public ::testing::Environment {
@@ -111,6 +106,19 @@ std::vector<std::pair<int, std::string>> g_log;  // priority, line
 void capture_sink(const char *, int, const char *, int, int priority, const char *message, void *) {
     std::lock_guard lock(g_log_mutex);
     g_log.emplace_back(priority, message ? message : "");
+}
+
+void remove_all(const std::string &p) {
+    std::error_code ec;  // absent is fine
+    fs::remove_all(p, ec);
+}
+
+// Removes an id's cache entries and media, as an earlier life of the id may have left them.
+void forget(int id) {
+    const std::string i = std::to_string(id);
+    redis({"DEL", "res:inf:mng:" + i, "res:pre:mng:" + i, "res:ind:" + i + ":ext"});
+    remove_all(sounds_dir(id));
+    remove_all(music_dir(id));
 }
 
 std::string log_text() {
@@ -129,13 +137,7 @@ std::string path(std::string_view rel) {
 
 void ensure_sandbox() {
     static std::once_flag once;
-    static bool ok = false;
-    std::call_once(once, [] {
-        RunResult r = run({std::string(QX_SOURCE_DIR) + "/scripts/sandbox", "start", root()});
-        ok = r.status == 0;
-        if (!ok) ADD_FAILURE() << "sandbox did not start: " << r.out << r.err;
-    });
-    ASSERT_TRUE(ok) << "the sandbox is not running";
+    std::call_once(once, start_sandbox);
 }
 
 ::testing::Environment *register_sandbox() {
@@ -159,15 +161,11 @@ StoppedDatabase::StoppedDatabase(int sig)
 }
 
 StoppedDatabase::~StoppedDatabase() {
-    if (pid_ <= 0) return;
-    if (sig_ == SIGSTOP) {
-        kill(pid_, SIGCONT);
-        return;
-    }
+    if (pid_ > 0 && sig_ == SIGSTOP) kill(pid_, SIGCONT);
+    if (pid_ <= 0 || sig_ == SIGSTOP) return;
     for (int i = 0; i < 500 && kill(pid_, 0) == 0; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    RunResult r = run({std::string(QX_SOURCE_DIR) + "/scripts/sandbox", "start", root()});
-    if (r.status != 0) ADD_FAILURE() << "sandbox did not restart: " << r.out << r.err;
+    start_sandbox();
 }
 
 void sql(const std::string &statement) {
@@ -182,11 +180,16 @@ std::vector<Row> sql_rows(const std::string &q) {
 
 long long sql_int(const std::string &q) {
     auto rows = sql_rows(q);
-    if (rows.empty() || rows[0].empty() || !rows[0][0]) {
-        ADD_FAILURE() << "no value from: " << q;
-        return -1;
-    }
-    return std::stoll(*rows[0][0]);
+    if (!rows.empty() && !rows[0].empty() && rows[0][0]) return std::stoll(*rows[0][0]);
+    ADD_FAILURE() << "no value from: " << q;
+    return -1;
+}
+
+long long server_status(const std::string &name) {
+    const auto rows = sql_rows("SHOW GLOBAL STATUS LIKE " + quoted(name));
+    if (!rows.empty() && rows[0].size() > 1 && rows[0][1]) return std::stoll(*rows[0][1]);
+    ADD_FAILURE() << "no server status " << name;
+    return -1;
 }
 
 std::string redis(const std::vector<std::string> &argv) {
@@ -196,25 +199,21 @@ std::string redis(const std::vector<std::string> &argv) {
         g_redis = redisConnectUnixWithTimeout(path("/run/redis.sock").c_str(), tv);
         if (!g_redis || g_redis->err) {
             ADD_FAILURE() << "cannot connect to the sandbox Redis";
-            if (g_redis) redisFree(g_redis);
-            g_redis = nullptr;
-            return "(error)";
+            redisFree(g_redis);  // takes null
+            return g_redis = nullptr, "(error)";
         }
         freeReplyObject(redisCommand(g_redis, "AUTH sandbox"));
         freeReplyObject(redisCommand(g_redis, "SELECT 1"));
     }
     std::vector<const char *> args;
     std::vector<size_t> lens;
-    for (const auto &a : argv) {
-        args.push_back(a.data());
-        lens.push_back(a.size());
-    }
+    for (const auto &a : argv)
+        args.push_back(a.data()), lens.push_back(a.size());
     auto *r = static_cast<redisReply *>(
         redisCommandArgv(g_redis, static_cast<int>(args.size()), args.data(), lens.data()));
     if (!r) {  // broken (e.g. the server was restarted): reconnect next time
         redisFree(g_redis);
-        g_redis = nullptr;
-        return "(error)";
+        return g_redis = nullptr, "(error)";
     }
     std::string out = render(r);
     freeReplyObject(r);
@@ -228,12 +227,9 @@ void clear_ids(int base) {
     for (int id = base; id < base + 10; ++id)
         owners += (owners.empty() ? "" : "|") + std::to_string(id);
     // Codecs the block's extensions alone use.
-    sql("DELETE FROM codec WHERE id IN (SELECT codec_id FROM extension_codec_rel WHERE "
-        "extension_id IN (" +
-        exts +
-        ")) AND id NOT IN (SELECT codec_id FROM "
-        "extension_codec_rel WHERE extension_id NOT IN (" +
-        exts + "))");
+    const std::string codecs = "SELECT codec_id FROM extension_codec_rel WHERE extension_id ";
+    sql("DELETE FROM codec WHERE id IN (" + codecs + "IN (" + exts + ")) AND id NOT IN (" + codecs +
+        "NOT IN (" + exts + "))");
     for (const char *t : {"extension_prefs", "extension_recording", "extension_voicemail",
                           "extension_fax_center", "extension_codec_rel"})
         sql(std::string("DELETE FROM ") + t + " WHERE extension_id IN (" + exts + ")");
@@ -244,16 +240,11 @@ void clear_ids(int base) {
     sql("DELETE FROM client WHERE id BETWEEN " + range);
     for (int id = base; id < base + 10; ++id) {
         const std::string i = std::to_string(id);
-        std::vector<std::string> del{"DEL", "res:inf:mng:" + i, "res:pre:mng:" + i,
-                                     "res:ind:" + i + ":ext"};
         std::stringstream keys(redis({"KEYS", "res:*:ext:" + i + "[^0-9]*"}));
         for (std::string key; std::getline(keys, key);)
-            del.push_back(key);
-        redis(del);
-        std::error_code ec;
-        fs::remove_all(path("/var/lib/quorvexquota/") + i, ec);
-        fs::remove_all(sounds_dir(id), ec);
-        fs::remove_all(music_dir(id), ec);
+            redis({"DEL", key});
+        forget(id);
+        remove_all(path("/var/lib/quorvexquota/") + i);
     }
 }
 
@@ -268,13 +259,8 @@ int fresh_ids() {
             sql(std::string("DELETE t FROM ") + t +
                 " t LEFT JOIN extension e ON e.id = t.extension_id WHERE e.id IS NULL");
     });
-    std::vector<Row> rows;
-    query("INSERT INTO qxtest.ids VALUES (); SELECT LAST_INSERT_ID()", &rows);
-    if (rows.empty() || !rows[0][0]) {
-        ADD_FAILURE() << "cannot allocate test ids";
-        return 9990;
-    }
-    const long long n = std::stoll(*rows[0][0]);
+    const long long n =
+        std::max(1LL, sql_int("INSERT INTO qxtest.ids VALUES (); SELECT LAST_INSERT_ID()"));
     // 900 blocks between 1000 and 9999 (the tool cuts longer ids).
     long long base = 1000 + (n - 1) % 900 * 10;
     if (n > 900) clear_ids(static_cast<int>(base));
@@ -295,12 +281,10 @@ void add_account(int id, int parent, int level, const std::string &login, const 
 }
 
 int add_extension(int client_id, const std::string &number, const std::string &full) {
-    std::vector<Row> rows;
-    query("INSERT INTO extension (client_id, number, extended_number) VALUES (" +
-              std::to_string(client_id) + ", " + quoted(number) + ", " + quoted(full) +
-              "); SELECT LAST_INSERT_ID()",
-          &rows);
-    return rows.empty() || !rows[0][0] ? -1 : std::stoi(*rows[0][0]);
+    return static_cast<int>(
+        sql_int("INSERT INTO extension (client_id, number, extended_number) VALUES (" +
+                std::to_string(client_id) + ", " + quoted(number) + ", " + quoted(full) +
+                "); SELECT LAST_INSERT_ID()"));
 }
 
 void add_pref(int client_id, const std::string &param, const std::string &value) {
@@ -343,21 +327,20 @@ bool dirty(const std::string &quota_file) {
     return access((quota_file + ".dirty").c_str(), F_OK) == 0;
 }
 
+// Written beside and renamed over: readers only ever see one version whole.
+void replace_file(const std::string &file, const std::string &text) {
+    const std::string tmp = file + ".qxtest." + std::to_string(getpid());
+    put(tmp, text);
+    std::rename(tmp.c_str(), file.c_str());
+}
+
 ConfFile::ConfFile(std::string file, const std::string &text)
     : file_(std::move(file)), saved_(read_file(file_)) {
-    const std::string tmp = file_ + ".qxtest." + std::to_string(getpid());
-    put(tmp, text);
-    std::rename(tmp.c_str(), file_.c_str());
+    replace_file(file_, text);
 }
 
 ConfFile::~ConfFile() {
-    if (!saved_) {
-        std::remove(file_.c_str());
-        return;
-    }
-    const std::string tmp = file_ + ".qxtest." + std::to_string(getpid());
-    put(tmp, *saved_);
-    std::rename(tmp.c_str(), file_.c_str());
+    saved_ ? replace_file(file_, *saved_) : (void)std::remove(file_.c_str());
 }
 
 LogCapture::LogCapture() {
@@ -381,18 +364,12 @@ std::vector<std::string> LogCapture::lines() const {
     return out;
 }
 
-size_t LogCapture::count(std::string_view needle) const {
+// Lines at priority (any when -1) that contain needle.
+size_t LogCapture::count(std::string_view needle, int priority) const {
     std::lock_guard lock(g_log_mutex);
     return static_cast<size_t>(std::count_if(g_log.begin(), g_log.end(), [&](const auto &l) {
-        return l.second.find(needle) != std::string::npos;
+        return (priority < 0 || l.first == priority) && l.second.find(needle) != std::string::npos;
     }));
-}
-
-bool LogCapture::contains_at(int priority, std::string_view needle) const {
-    std::lock_guard lock(g_log_mutex);
-    return std::any_of(g_log.begin(), g_log.end(), [&](const auto &l) {
-        return l.first == priority && l.second.find(needle) != std::string::npos;
-    });
 }
 
 RunResult run(const std::vector<std::string> &argv, const std::string &input, int timeout_s) {
@@ -430,10 +407,8 @@ RunResult run(const std::vector<std::string> &argv, const std::string &input, in
     } else {
         result.err = "cannot start " + argv[0];
     }
-    for (int i = 0; i < 3; ++i) {
-        close(fds[i]);
-        unlink(names[i]);
-    }
+    for (int i = 0; i < 3; ++i)
+        close(fds[i]), unlink(names[i]);
     return result;
 }
 
@@ -454,14 +429,11 @@ std::string music_dir(int id) {
 }
 
 void QuotaTree::add(int id, int parent, int level) {
+    forget(id);
     const std::string i = std::to_string(id);
-    std::error_code ec;
-    fs::remove_all(sounds_dir(id), ec);
-    fs::remove_all(music_dir(id), ec);
-    redis({"DEL", "res:inf:mng:" + i, "res:pre:mng:" + i, "res:ind:" + i + ":ext"});
     if (level == 10) dir[id] = path("/var/lib/quorvexquota/") + i;
     if (level > 10) dir[id] = dir.at(parent) + "/" + i;
-    if (level >= 10) fs::remove_all(dir[id], ec);
+    if (level >= 10) remove_all(dir[id]);
     add_account(id, parent, level);
 }
 
@@ -480,8 +452,8 @@ std::string QuotaTree::file(int id, int kind) const {
 std::vector<std::string> QuotaTree::files() const {
     std::vector<std::string> out;
     for (const auto &[id, d] : dir)
-        for (int k = 0; k < kKinds; ++k)
-            out.push_back(file(id, k));
+        for (const char *kind : kKindFiles)
+            out.push_back(d + "/" + kind + ".quota");
     return out;
 }
 
@@ -489,6 +461,23 @@ std::map<std::string, std::string> QuotaTree::snapshot() const {
     std::map<std::string, std::string> out;
     for (const auto &f : files())
         out[f] = fs::is_regular_file(f) ? read_file(f).value_or("(missing)") : "(missing)";
+    return out;
+}
+
+constexpr time_t kAgedMtime = 1000000000;
+
+void QuotaTree::age() const {
+    const timespec times[2] = {{kAgedMtime, 0}, {kAgedMtime, 0}};
+    for (const auto &f : files())
+        utimensat(AT_FDCWD, f.c_str(), times, 0);
+}
+
+std::set<std::string> QuotaTree::rewritten() const {
+    std::set<std::string> out;
+    for (const auto &f : files()) {
+        struct stat st {};
+        if (stat(f.c_str(), &st) != 0 || st.st_mtim.tv_sec != kAgedMtime) out.insert(f);
+    }
     return out;
 }
 

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,17 +18,18 @@ namespace qxtest {
 std::string root();                      // every compiled-in path starts with it
 std::string path(std::string_view rel);  // e.g. path("/etc/quorvex/pbx.conf")
 
-// Starts the sandbox once per binary; register from a test file with
-// static auto *env = qxtest::register_sandbox();
-void ensure_sandbox();
+// Starts the sandbox once per binary: static auto *env = qxtest::register_sandbox(), or at
+// once (benchmarks) with ensure_sandbox().
 ::testing::Environment *register_sandbox();
+void ensure_sandbox();
 
 // SQL (as the administrator) and Redis (authenticated, the configured database) on the sandbox.
 // Redis replies as text: integers in decimal, nil as "(nil)", arrays joined by "\n".
 using Row = std::vector<std::optional<std::string>>;
 void sql(const std::string &statement);  // ADD_FAILURE on error
 std::vector<Row> sql_rows(const std::string &query);
-long long sql_int(const std::string &query);  // first column of the first row
+long long sql_int(const std::string &query);       // first column of the first row
+long long server_status(const std::string &name);  // SHOW GLOBAL STATUS, e.g. "Questions"
 std::string redis(const std::vector<std::string> &argv);
 
 // A block of 10 account ids no other test of any binary uses (below 10000 unless a benchmark
@@ -71,8 +73,10 @@ class LogCapture {
     LogCapture &operator=(const LogCapture &) = delete;
     std::vector<std::string> lines() const;
     bool contains(std::string_view needle) const { return count(needle) > 0; }
-    bool contains_at(int priority, std::string_view needle) const;
-    size_t count(std::string_view needle) const;
+    bool contains_at(int priority, std::string_view needle) const {
+        return count(needle, priority) > 0;
+    }
+    size_t count(std::string_view needle, int priority = -1) const;
 };
 
 struct RunResult {
@@ -118,6 +122,8 @@ struct QuotaTree {
     std::string file(int id, int kind) const;
     std::vector<std::string> files() const;
     std::map<std::string, std::string> snapshot() const;  // regular files only: no FIFO opened
+    void age() const;  // an old mtime for every file, so that a rewrite shows however fast
+    std::set<std::string> rewritten() const;  // files that are missing or newer than aged
     std::string exact(int id, int kind) const { return std::to_string(usage.at(id)[kind]) + ".0"; }
     // Every file exact, dirty-marked, or unchanged from old; counts {exact, unchanged, dirty}.
     std::array<int, 3> check(const std::map<std::string, std::string> &old) const;
