@@ -19,6 +19,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -28,8 +29,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -40,6 +44,7 @@
 #include "utils.h"
 #include "zarn_base.h"
 #include "zarn_db_files.h"
+#include "zarn_extension.h"
 #include "zarn_string.h"
 #include "zarn_user.h"
 
@@ -72,6 +77,14 @@ constexpr char kChildrenQuery[] =
     " SELECT client.id, client.level  FROM client WHERE client.parent_client_id = '%s' ";
 constexpr char kChildIdsQuery[] =
     "SELECT client.id FROM client WHERE client.parent_client_id = '%s'";
+// A refresh worker asks once per account what the sequential walk asks once per child and kind.
+constexpr char kChildSumsPart[] =
+    "SELECT %d, e.client_id, SUM(er.filesize) FROM %s as er, extension as e, client as c WHERE "
+    "e.id=er.extension_id and e.client_id=c.id and c.parent_client_id='%s' GROUP BY e.client_id";
+constexpr char kUnionAll[] = " UNION ALL ";
+constexpr char kChildNumbersQuery[] =
+    "SELECT extension.number, extension.extended_number FROM extension,client WHERE "
+    "extension.client_id=client.id AND client.parent_client_id='%s'";
 
 constexpr char kResellerPathFmt[] = "%s/%d/_placeholder_.quota";
 constexpr char kClientPathFmt[] = "%s/%d/%d/_placeholder_.quota";
@@ -149,6 +162,11 @@ R guarded(R fallback, F &&body) noexcept {
     } catch (...) {
         return fallback;
     }
+}
+
+std::optional<std::string> copy_or_none(const char *s) {
+    if (!s) return std::nullopt;
+    return std::string(s);
 }
 
 bool valid_kind(int kind) {
@@ -519,6 +537,161 @@ int create_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
     return err == 0 ? 0 : -1;
 }
 
+// ---- lookups a refresh worker asks once per account -------------------------------------------
+
+// Round trips, not work, bound a refresh. A refresh worker therefore asks for all children of an
+// account at once what the sequential walk asks child by child and kind by kind. The sequential
+// run never does: with one process its statements stay exactly those it has always issued. An
+// answer the batch cannot give exactly (a failed statement, a number the database would compare
+// loosely or find twice) falls back to the child's own statement.
+struct ChildBatch {
+    bool enabled = false;
+    std::string parent;  // the account whose children the answers are for; empty: none
+    bool sums_ok = false;
+    std::unordered_map<int, std::array<long long, kKindCount>> sums;
+    bool numbers_ok = false;
+    std::unordered_map<std::string, std::string> full_numbers;
+    std::unordered_set<std::string> repeated;
+    // The short numbers of the owner last asked for: each of its kinds wants them.
+    int owner = 0;
+    bool owner_known = false;
+    std::vector<std::optional<std::string>> owner_numbers;
+    // The child ids of the account whose own files are being summed, for all its kinds.
+    std::string ids_of;
+    std::vector<std::optional<std::string>> ids;
+
+    void forget_children() {
+        parent.clear();
+        sums_ok = numbers_ok = owner_known = false;
+        sums.clear();
+        full_numbers.clear();
+        repeated.clear();
+        owner_numbers.clear();
+    }
+};
+
+ChildBatch &child_batch() {
+    static ChildBatch batch;
+    return batch;
+}
+
+// The id as the database prints it: only then is a lookup by number the same as by text.
+bool plain_id(const char *id, int &n) {
+    if (!id) return false;
+    n = to_int(id);
+    return n > 0 && std::to_string(n) == id;
+}
+
+bool digits_only(const char *s) {
+    if (!s || !*s) return false;
+    for (; *s; ++s)
+        if (*s < '0' || *s > '9') return false;
+    return true;
+}
+
+bool covers(int kind, int k) {
+    return kind == kKindAll || kind == k;
+}
+
+// Fetches what the children of id will ask, when they are owners whose files are all rewritten.
+void batch_children(const char *id, int kind, bool children_are_owners, int child_force) {
+    ChildBatch &b = child_batch();
+    b.forget_children();
+    if (!b.enabled || !id || !children_are_owners || child_force < 1) return;
+    std::string statement;
+    for (int k = 0; k < kKindCount; ++k) {
+        if (!kFileTables[k] || !covers(kind, k)) continue;
+        if (!statement.empty()) statement += kUnionAll;
+        statement += qx::format(kChildSumsPart, k, kFileTables[k], id);
+    }
+    const bool numbers = covers(kind, kKindFax) || covers(kind, kKindRecording);
+    if (statement.empty() && !numbers) return;
+    qx::SessionGuard sess;
+    if (!sess) return;
+    b.parent = id;
+    if (!statement.empty()) {
+        MYSQL_RES *raw = nullptr;
+        const int rc = fr_sql_conn_query(sess.get(), 1, &raw, "%s", statement.c_str());
+        qx::Result result(raw);
+        if (rc == 0 && result) {
+            b.sums_ok = true;
+            while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+                int child = 0;
+                if (!row[0] || !plain_id(row[1], child)) {
+                    b.sums_ok = false;
+                    break;
+                }
+                auto [at, fresh] = b.sums.try_emplace(child);
+                if (fresh) at->second.fill(0);
+                // SUM over no rows is NULL, which the child's own statement reads as 0.
+                at->second[to_int(row[0]) % kKindCount] =
+                    row[2] ? std::strtoll(row[2], nullptr, 10) : 0;
+            }
+        }
+    }
+    if (numbers) {
+        MYSQL_RES *raw = nullptr;
+        const int rc = fr_sql_conn_query(sess.get(), 1, &raw, kChildNumbersQuery, id);
+        qx::Result result(raw);
+        if (rc == 0 && result) {
+            b.numbers_ok = true;
+            while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+                // Any other text may equal a number under the column's collation.
+                if (!digits_only(row[0])) {
+                    b.numbers_ok = false;
+                    break;
+                }
+                if (!row[1] || !b.full_numbers.try_emplace(row[0], row[1]).second)
+                    b.repeated.insert(row[0]);
+            }
+        }
+    }
+}
+
+// The database sum of one owner's stored files, when the batch holds it.
+bool batched_sum(int kind, const char *id, const char *parent_id, long long &sum) {
+    const ChildBatch &b = child_batch();
+    int owner = 0;
+    if (!b.sums_ok || !parent_id || b.parent != parent_id || !plain_id(id, owner)) return false;
+    const auto at = b.sums.find(owner);
+    sum = at == b.sums.end() ? 0 : at->second[kind];
+    return true;
+}
+
+// The owner's numbers as qx_user_get_extensions_sess gives them, when the batch can answer.
+bool batched_numbers(const char *client_id, int owner, bool numbers_only,
+                     std::vector<std::optional<std::string>> &out) {
+    ChildBatch &b = child_batch();
+    if (!client_id || b.parent.empty() || b.parent != client_id) return false;
+    if (!b.owner_known || b.owner != owner) {
+        b.owner = owner;
+        b.owner_known = true;
+        b.owner_numbers.clear();
+        size_t count = 0;
+        char **numbers = qx_user_get_extensions_sess(nullptr, client_id, owner, 1, &count);
+        for (size_t i = 0; numbers && i < count; ++i)
+            b.owner_numbers.push_back(copy_or_none(numbers[i]));
+        if (numbers) free_string_array(numbers, count);
+    }
+    out.clear();
+    for (const std::optional<std::string> &number : b.owner_numbers) {
+        if (numbers_only || !number) {
+            out.push_back(number);
+            continue;
+        }
+        const char *n = number->c_str();
+        if (b.numbers_ok && digits_only(n) && !b.repeated.count(*number)) {
+            const auto at = b.full_numbers.find(*number);
+            out.push_back(at == b.full_numbers.end() ? std::nullopt
+                                                     : std::optional<std::string>(at->second));
+            continue;
+        }
+        qx::CStr full(qx_get_full_number(client_id, n));
+        out.push_back(copy_or_none(full.get()));
+    }
+    return true;
+}
+
 // ---- usage on disk ---------------------------------------------------------------------------
 
 struct DirKey {
@@ -646,23 +819,29 @@ int media_dirs(int kind, int level, const char *reseller_id, const char *client_
     if (level != kLevelOwner) return -1;
     // Voicemail boxes are named by the short numbers; fax and recordings by the full ones.
     const int numbers_only = kind == kKindVoicemail ? 1 : 0;
-    size_t count = 0;
-    char **numbers =
-        qx_user_get_extensions_sess(nullptr, client_id, to_int(own), numbers_only, &count);
-    if (!numbers) return 0;
-    struct Release {
-        char **list;
-        size_t n;
-        ~Release() { free_string_array(list, n); }
-    } release{numbers, count};
+    std::vector<std::optional<std::string>> numbers;
+    if (!batched_numbers(client_id, to_int(own), numbers_only, numbers)) {
+        size_t count = 0;
+        char **list =
+            qx_user_get_extensions_sess(nullptr, client_id, to_int(own), numbers_only, &count);
+        if (!list) return 0;
+        struct Release {
+            char **list;
+            size_t n;
+            ~Release() { free_string_array(list, n); }
+        } release{list, count};
+        for (size_t i = 0; i < count; ++i)
+            numbers.push_back(copy_or_none(list[i]));
+    }
     const char *client = client_id ? client_id : "";
-    for (size_t i = 0; i < count; ++i) {
-        if (!numbers[i]) continue;
+    for (const std::optional<std::string> &number : numbers) {
+        if (!number) continue;
         if (kind == kKindVoicemail) {
-            out.push_back(qx::format(kVoicemailDirFmt, s.spool_dir.c_str(), client, numbers[i]));
+            out.push_back(
+                qx::format(kVoicemailDirFmt, s.spool_dir.c_str(), client, number->c_str()));
         } else {
             out.push_back(qx::format(kSpoolMediaDirFmt, s.spool_dir.c_str(),
-                                     kind == kKindFax ? "fax" : "monitor", numbers[i]));
+                                     kind == kKindFax ? "fax" : "monitor", number->c_str()));
         }
     }
     return 0;
@@ -715,6 +894,37 @@ void spoil_failed_write(int fd, const std::string &path, bool created) {
     }
 }
 
+// The ids of the account's children, as the children statement returns them; a row without id
+// ends the list. A refresh worker asks once for all kinds of the account.
+bool child_ids(const char *id, std::vector<std::optional<std::string>> &out, std::string &cause) {
+    ChildBatch &b = child_batch();
+    if (b.enabled && b.ids_of == id) {
+        out = b.ids;
+        return true;
+    }
+    out.clear();
+    qx::SessionGuard sess;
+    if (!sess) {
+        FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
+        cause = "no database session for the children";
+        return false;
+    }
+    qx::Result result;
+    if (!query_rows(sess, "grab_child_quotas", __LINE__, result, id, false)) {
+        cause = qx::format("children query failed: %s", sess.error());
+        return false;
+    }
+    while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+        out.push_back(copy_or_none(row[0]));
+        if (!row[0]) break;
+    }
+    if (b.enabled) {
+        b.ids_of = id;
+        b.ids = out;
+    }
+    return true;
+}
+
 // Adds the children's values of one kind. exact stays true only when every child's file was
 // read: a missing, unreadable or dirty child file means the child's own refresh failed, and a
 // sum over it would only look right.
@@ -722,25 +932,16 @@ int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &e
               std::string &cause) {
     exact = false;
     if (!id || !dir || !valid_kind(kind)) return -1;
-    qx::SessionGuard sess;
-    if (!sess) {
-        FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
-        cause = "no database session for the children";
-        return -1;
-    }
-    qx::Result result;
-    if (!query_rows(sess, "grab_child_quotas", __LINE__, result, id, false)) {
-        cause = qx::format("children query failed: %s", sess.error());
-        return -1;
-    }
+    std::vector<std::optional<std::string>> ids;
+    if (!child_ids(id, ids, cause)) return -1;
     exact = true;
-    while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
-        if (!row[0]) {
+    for (const std::optional<std::string> &child : ids) {
+        if (!child) {
             exact = false;
             cause = "a child without id";
             return -1;
         }
-        std::string path = qx::format(kChildFileFmt, dir, to_int(row[0]), kKindNames[kind]);
+        std::string path = qx::format(kChildFileFmt, dir, to_int(child->c_str()), kKindNames[kind]);
         qx::UniqueFd fd = open_regular(path.c_str(), O_RDONLY);
         long long value = -1;
         if (!fd) {
@@ -811,7 +1012,9 @@ bool own_usage(int kind, int level, const char *id, const char *parent_id,
     if (kFileTables[kind]) {
         if (level != kLevelOwner) return true;
         // No files at all is a NULL sum, which reads as 0; -1 is the failure.
-        long long sum = qx_get_db_files_quota(kFileTables[kind], kLevelOwner, id);
+        long long sum = 0;
+        if (!batched_sum(kind, id, parent_id, sum))
+            sum = qx_get_db_files_quota(kFileTables[kind], kLevelOwner, id);
         if (sum == -1) {
             cause = qx::format("the database sum over %s failed", kFileTables[kind]);
             return false;
@@ -873,6 +1076,7 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
     const int last = kind == kKindAll ? kKindCount - 1 : kind;
     bool dirs_tried = false;
     bool dirs_ready = false;
+    child_batch().ids_of.clear();
     for (int k = first; k <= last; ++k) {
         const std::string path = kind_file(dir, k);
         if (force < 1 && !is_dirty(path.c_str()) && rev_in_range(path.c_str(), current)) continue;
@@ -969,6 +1173,13 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
                 children.push_back({row[0], to_int(row[1]), true});
             }
         }
+        const bool owners = std::any_of(children.begin(), children.end(), [](const ChildRow &c) {
+            return c.complete && c.level == kLevelOwner;
+        });
+        batch_children(id, kind, owners, force - 1);
+        struct Forget {
+            ~Forget() { child_batch().forget_children(); }
+        } forget;
         for (const ChildRow &child : children) {
             if (!child.complete) {
                 dir.resize(base);
@@ -1054,11 +1265,6 @@ const char *text_or_null(const std::optional<std::string> &s) {
     return s ? s->c_str() : nullptr;
 }
 
-std::optional<std::string> copy_or_none(const char *s) {
-    if (!s) return std::nullopt;
-    return std::string(s);
-}
-
 }  // namespace
 
 namespace qx::refresh {
@@ -1130,6 +1336,10 @@ void abandon(const Account &account, int kind, const char *cause) {
 
 bool strict() {
     return settings().strict;
+}
+
+void batch_lookups() {
+    child_batch().enabled = true;
 }
 
 }  // namespace qx::refresh
