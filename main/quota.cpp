@@ -448,8 +448,9 @@ int write_record_emptying_first(int fd, long long value, int revision) {
 // Opens a quota file or dirty mark without blocking, and only when it is a regular file: a FIFO
 // or a device where a record belongs must not hang a refresh or a caller about to store a
 // voicemail. Anything else fails with EINVAL, which open itself never gives for these flags.
-qx::UniqueFd open_regular(const char *path, int flags, mode_t mode = 0) {
-    qx::UniqueFd fd(::open(path, flags | O_NONBLOCK | O_CLOEXEC, mode));
+// at: the directory a relative path starts from.
+qx::UniqueFd open_regular(const char *path, int flags, mode_t mode = 0, int at = AT_FDCWD) {
+    qx::UniqueFd fd(::openat(at, path, flags | O_NONBLOCK | O_CLOEXEC, mode));
     if (!fd) return fd;
     struct stat st;
     if (::fstat(fd.get(), &st) != 0) return qx::UniqueFd();
@@ -894,6 +895,42 @@ void spoil_failed_write(int fd, const std::string &path, bool created) {
     }
 }
 
+// An account's quota directory, opened on first use for the file lookups of all its kinds and
+// children: each file is then found from it instead of through the whole path again, which is
+// most of what the skip test of an unforced refresh costs. Where it cannot be opened, files
+// are looked up by their full paths as before.
+class AccountDir {
+  public:
+    explicit AccountDir(const std::string &dir) : dir_(dir) {}
+    // The directory to start from and the name of path below it; AT_FDCWD and path itself when
+    // the directory is not open.
+    int at(const std::string &path, const char *&name) {
+        if (!tried_) {
+            tried_ = true;
+            fd_.reset(::open(dir_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+        }
+        name = path.c_str();
+        if (!fd_ || dir_.empty() || path.compare(0, dir_.size(), dir_) != 0) return AT_FDCWD;
+        const char *rest = path.c_str() + dir_.size();
+        if (*rest != '/') return AT_FDCWD;
+        while (*rest == '/')
+            ++rest;
+        if (!*rest) return AT_FDCWD;
+        name = rest;
+        return fd_.get();
+    }
+
+  private:
+    const std::string &dir_;
+    bool tried_ = false;
+    qx::UniqueFd fd_;
+};
+
+// is_dirty for a file found from a directory.
+bool dirty_at(int at, const char *name) {
+    return ::faccessat(at, dirty_mark(name).c_str(), F_OK, 0) == 0;
+}
+
 // The ids of the account's children, as the children statement returns them; a row without id
 // ends the list. A refresh worker asks once for all kinds of the account.
 bool child_ids(const char *id, std::vector<std::optional<std::string>> &out, std::string &cause) {
@@ -928,8 +965,8 @@ bool child_ids(const char *id, std::vector<std::optional<std::string>> &out, std
 // Adds the children's values of one kind. exact stays true only when every child's file was
 // read: a missing, unreadable or dirty child file means the child's own refresh failed, and a
 // sum over it would only look right.
-int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &exact,
-              std::string &cause) {
+int child_sum(const char *id, int kind, const char *dir, AccountDir &account_dir, long long &sum,
+              bool &exact, std::string &cause) {
     exact = false;
     if (!id || !dir || !valid_kind(kind)) return -1;
     std::vector<std::optional<std::string>> ids;
@@ -942,7 +979,9 @@ int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &e
             return -1;
         }
         std::string path = qx::format(kChildFileFmt, dir, to_int(child->c_str()), kKindNames[kind]);
-        qx::UniqueFd fd = open_regular(path.c_str(), O_RDONLY);
+        const char *name = nullptr;
+        const int at = account_dir.at(path, name);
+        qx::UniqueFd fd = open_regular(name, O_RDONLY, 0, at);
         long long value = -1;
         if (!fd) {
             if (exact) cause = qx::format("child file %s: %s", path.c_str(), error_text(errno));
@@ -954,7 +993,7 @@ int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &e
             exact = false;
             continue;
         }
-        if (is_dirty(path.c_str())) {
+        if (dirty_at(at, name)) {
             if (exact) cause = qx::format("child file %s is marked dirty", path.c_str());
             exact = false;
         }
@@ -964,8 +1003,8 @@ int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &e
     return 0;
 }
 
-bool rev_in_range(const char *path, long long &value) {
-    qx::UniqueFd fd = open_regular(path, O_RDONLY);
+bool rev_in_range(const char *path, long long &value, int at = AT_FDCWD) {
+    qx::UniqueFd fd = open_regular(path, O_RDONLY, 0, at);
     if (!fd) return false;
     int revision = -1;
     if (read_record(fd.get(), &value, &revision) != 0) return false;
@@ -1077,16 +1116,21 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
     bool dirs_tried = false;
     bool dirs_ready = false;
     child_batch().ids_of.clear();
+    AccountDir account_dir(dir);
     for (int k = first; k <= last; ++k) {
         const std::string path = kind_file(dir, k);
-        if (force < 1 && !is_dirty(path.c_str()) && rev_in_range(path.c_str(), current)) continue;
+        if (force < 1) {
+            const char *name = nullptr;
+            const int at = account_dir.at(path, name);
+            if (!dirty_at(at, name) && rev_in_range(name, current, at)) continue;
+        }
 
         std::string cause;
         long long own = 0;
         bool exact = own_usage(k, level, id, parent_id, grandparent_id, own, cause);
         long long children = 0;
         if (exact && level <= kLevelWithChildren)
-            child_sum(id, k, dir.c_str(), children, exact, cause);
+            child_sum(id, k, dir.c_str(), account_dir, children, exact, cause);
         if (!exact) {
             ++faults.count;
             FR_LOG(kSrc, kLogChannel, kLogError, kNotRefreshedFmt, kSrc, __LINE__, id,
@@ -1831,7 +1875,9 @@ extern "C" int grab_child_quotas(const char *id, const char * /*parent_id*/,
     return guarded(-1, [&] {
         bool exact;
         std::string cause;
-        return child_sum(id, kind, dir, *sum, exact, cause);
+        const std::string dir_text = dir ? dir : "";
+        AccountDir account_dir(dir_text);
+        return child_sum(id, kind, dir, account_dir, *sum, exact, cause);
     });
 }
 
