@@ -895,22 +895,30 @@ void spoil_failed_write(int fd, const std::string &path, bool created) {
     }
 }
 
+bool rev_in_range(const char *path, long long &value, int at = AT_FDCWD) {
+    qx::UniqueFd fd = open_regular(path, O_RDONLY, 0, at);
+    if (!fd) return false;
+    int revision = -1;
+    if (read_record(fd.get(), &value, &revision) != 0) return false;
+    return revision >= 0 && revision <= kRevisionLimit;
+}
+
 // An account's quota directory, opened on first use for the file lookups of all its kinds and
-// children: each file is then found from it instead of through the whole path again, which is
-// most of what the skip test of an unforced refresh costs. Where it cannot be opened, files
-// are looked up by their full paths as before.
+// children: each file is then found from it instead of through the whole path again. Where it
+// cannot be opened, files are looked up by their full paths as before.
 class AccountDir {
   public:
     explicit AccountDir(const std::string &dir) : dir_(dir) {}
+
     // The directory to start from and the name of path below it; AT_FDCWD and path itself when
     // the directory is not open.
     int at(const std::string &path, const char *&name) {
         if (!tried_) {
             tried_ = true;
-            fd_.reset(::open(dir_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+            fd_.reset(::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         }
         name = path.c_str();
-        if (!fd_ || dir_.empty() || path.compare(0, dir_.size(), dir_) != 0) return AT_FDCWD;
+        if (!fd_ || path.compare(0, dir_.size(), dir_) != 0) return AT_FDCWD;
         const char *rest = path.c_str() + dir_.size();
         if (*rest != '/') return AT_FDCWD;
         while (*rest == '/')
@@ -920,10 +928,70 @@ class AccountDir {
         return fd_.get();
     }
 
+    // The skip test of an unforced refresh: the file is not marked dirty and holds a record
+    // whose revision is in range (value receives it). One listing of the directory answers for
+    // the marks and file types of all kinds, where a lookup per file used to; whatever the
+    // listing cannot tell (links, unknown types) is asked of the file itself as before.
+    bool clean_and_current(const std::string &path, long long &value) {
+        const char *name = nullptr;
+        const int at = this->at(path, name);
+        const std::string mark = dirty_mark(name);
+        const unsigned char mark_type = listed(at, mark.c_str());
+        if (mark_type == DT_UNKNOWN || mark_type == DT_LNK) {
+            if (::faccessat(at, mark.c_str(), F_OK, 0) == 0) return false;
+        } else if (mark_type != kAbsent) {
+            return false;
+        }
+        if (listed(at, name) != DT_REG) return rev_in_range(name, value, at);
+        qx::UniqueFd fd(::openat(at, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        int revision = -1;
+        if (!fd || read_record(fd.get(), &value, &revision) != 0) return false;
+        return revision >= 0 && revision <= kRevisionLimit;
+    }
+
   private:
+    // Not a d_type value: the listing has no entry of that name.
+    static constexpr unsigned char kAbsent = 0xff;
+
+    // The type the listing gives a name directly in the directory, or DT_UNKNOWN when there is
+    // no listing to ask.
+    unsigned char listed(int at, const char *name) {
+        if (at == AT_FDCWD || std::strchr(name, '/')) return DT_UNKNOWN;
+        if (!listed_) list();
+        if (!listing_ok_) return DT_UNKNOWN;
+        for (const auto &[entry, type] : entries_)
+            if (entry == name) return type;
+        return kAbsent;
+    }
+
+    void list() {
+        listed_ = true;
+        alignas(struct dirent64) char buf[kListingBuffer];
+        for (;;) {
+            const ssize_t got = ::getdents64(fd_.get(), buf, sizeof buf);
+            if (got <= 0) {
+                listing_ok_ = got == 0;
+                return;
+            }
+            for (ssize_t at = 0; at < got;) {
+                const auto *entry = reinterpret_cast<const struct dirent64 *>(buf + at);
+                at += entry->d_reclen;
+                // Only quota files and their marks are ever asked about.
+                const std::string_view n(entry->d_name);
+                if (n.ends_with(".quota") || n.ends_with(".dirty"))
+                    entries_.emplace_back(n, entry->d_type);
+            }
+        }
+    }
+
+    static constexpr size_t kListingBuffer = 16384;
+
     const std::string &dir_;
     bool tried_ = false;
     qx::UniqueFd fd_;
+    bool listed_ = false;
+    bool listing_ok_ = false;
+    std::vector<std::pair<std::string, unsigned char>> entries_;
 };
 
 // is_dirty for a file found from a directory.
@@ -1001,14 +1069,6 @@ int child_sum(const char *id, int kind, const char *dir, AccountDir &account_dir
         if (value >= 0) sum = saturating_add(sum, value);
     }
     return 0;
-}
-
-bool rev_in_range(const char *path, long long &value, int at = AT_FDCWD) {
-    qx::UniqueFd fd = open_regular(path, O_RDONLY, 0, at);
-    if (!fd) return false;
-    int revision = -1;
-    if (read_record(fd.get(), &value, &revision) != 0) return false;
-    return revision >= 0 && revision <= kRevisionLimit;
 }
 
 // Writes one record under a blocking lock. opened: the file could be opened or created. The
@@ -1119,11 +1179,7 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
     AccountDir account_dir(dir);
     for (int k = first; k <= last; ++k) {
         const std::string path = kind_file(dir, k);
-        if (force < 1) {
-            const char *name = nullptr;
-            const int at = account_dir.at(path, name);
-            if (!dirty_at(at, name) && rev_in_range(name, current, at)) continue;
-        }
+        if (force < 1 && account_dir.clean_and_current(path, current)) continue;
 
         std::string cause;
         long long own = 0;
