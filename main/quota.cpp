@@ -472,18 +472,18 @@ void log_file_error(int line, const char *action, const std::string &path, int e
 
 // Opens an existing quota file read-write or creates it (0660, given to asterisk). created
 // tells the caller that the file holds no record yet.
-qx::UniqueFd open_quota_file(const char *path, bool &created) {
+qx::UniqueFd open_quota_file(const char *path, bool &created, int at = AT_FDCWD) {
     created = false;
-    qx::UniqueFd fd = open_regular(path, O_RDWR);
+    qx::UniqueFd fd = open_regular(path, O_RDWR, 0, at);
     if (fd || errno != ENOENT) return fd;
-    fd.reset(::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    fd.reset(::openat(at, path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
     if (fd) {
         created = true;
         give_to_owner(fd.get());
         return fd;
     }
     // Another process created it in between: it is an existing file now.
-    if (errno == EEXIST) fd = open_regular(path, O_RDWR);
+    if (errno == EEXIST) fd = open_regular(path, O_RDWR, 0, at);
     return fd;
 }
 
@@ -1074,9 +1074,11 @@ int child_sum(const char *id, int kind, const char *dir, AccountDir &account_dir
 // Writes one record under a blocking lock. opened: the file could be opened or created. The
 // result is true only when the file holds the new record; any failure is logged and the file
 // marked.
-bool write_quota(const std::string &path, long long value, int revision, bool &opened) {
+// at and name: where to find the file, when not by path.
+bool write_quota(const std::string &path, long long value, int revision, bool &opened,
+                 int at = AT_FDCWD, const char *name = nullptr) {
     bool created;
-    qx::UniqueFd fd = open_quota_file(path.c_str(), created);
+    qx::UniqueFd fd = open_quota_file(name ? name : path.c_str(), created, at);
     opened = static_cast<bool>(fd);
     if (!fd) {
         const int err = errno;
@@ -1085,15 +1087,15 @@ bool write_quota(const std::string &path, long long value, int revision, bool &o
         if (err != ENOENT) mark_dirty(path);
         return false;
     }
-    // The record is written even without the lock: a refresh must not leave a stale value.
-    const bool locked = lock_blocking(fd.get()) == 0;
+    // The record is written even without the lock: a refresh must not leave a stale value. The
+    // lock goes with the descriptor, closed on return, with no unlock call of its own.
+    (void)lock_blocking(fd.get());
     const bool written = write_record(fd.get(), value, revision) >= 0;
     if (!written) {
         const int err = errno;
         log_file_error(__LINE__, "write quota file", path, err);
         spoil_failed_write(fd.get(), path, created);
     }
-    if (locked) ::flock(fd.get(), LOCK_UN);
     return written;
 }
 
@@ -1214,8 +1216,10 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
             }
         }
         bool opened;
-        if (dirs_ready && write_quota(path, current, 0, opened)) {
-            unset_dirty(path.c_str());
+        const char *name = nullptr;
+        const int at = dirs_ready ? account_dir.at(path, name) : AT_FDCWD;
+        if (dirs_ready && write_quota(path, current, 0, opened, at, name)) {
+            ::unlinkat(at, dirty_mark(name).c_str(), 0);
         } else {
             ++faults.count;
         }
