@@ -44,7 +44,6 @@
 #include "utils.h"
 #include "zarn_base.h"
 #include "zarn_db_files.h"
-#include "zarn_extension.h"
 #include "zarn_string.h"
 #include "zarn_user.h"
 
@@ -82,9 +81,6 @@ constexpr char kChildSumsPart[] =
     "SELECT %d, e.client_id, SUM(er.filesize) FROM %s as er, extension as e, client as c WHERE "
     "e.id=er.extension_id and e.client_id=c.id and c.parent_client_id='%s' GROUP BY e.client_id";
 constexpr char kUnionAll[] = " UNION ALL ";
-constexpr char kChildNumbersQuery[] =
-    "SELECT extension.number, extension.extended_number FROM extension,client WHERE "
-    "extension.client_id=client.id AND client.parent_client_id='%s'";
 
 constexpr char kResellerPathFmt[] = "%s/%d/_placeholder_.quota";
 constexpr char kClientPathFmt[] = "%s/%d/%d/_placeholder_.quota";
@@ -541,33 +537,24 @@ int create_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
 // ---- lookups a refresh worker asks once per account -------------------------------------------
 
 // Round trips, not work, bound a refresh. A refresh worker therefore asks for all children of an
-// account at once what the sequential walk asks child by child and kind by kind. The sequential
-// run never does: with one process its statements stay exactly those it has always issued. An
-// answer the batch cannot give exactly (a failed statement, a number the database would compare
-// loosely or find twice) falls back to the child's own statement.
+// account at once what the sequential walk asks child by child and kind by kind: the sums of the
+// owners' stored files, and the child list its own files are summed over. The sequential run
+// never does: with one process its statements stay exactly those it has always issued. Whatever
+// the batch cannot answer (a failed statement, an id not in the database's form) falls back to
+// the child's own statement.
 struct ChildBatch {
     bool enabled = false;
-    std::string parent;  // the account whose children the answers are for; empty: none
+    std::string parent;  // the account whose children the sums are for; empty: none
     bool sums_ok = false;
     std::unordered_map<int, std::array<long long, kKindCount>> sums;
-    bool numbers_ok = false;
-    std::unordered_map<std::string, std::string> full_numbers;
-    std::unordered_set<std::string> repeated;
-    // The short numbers of the owner last asked for: each of its kinds wants them.
-    int owner = 0;
-    bool owner_known = false;
-    std::vector<std::optional<std::string>> owner_numbers;
     // The child ids of the account whose own files are being summed, for all its kinds.
     std::string ids_of;
     std::vector<std::optional<std::string>> ids;
 
     void forget_children() {
         parent.clear();
-        sums_ok = numbers_ok = owner_known = false;
+        sums_ok = false;
         sums.clear();
-        full_numbers.clear();
-        repeated.clear();
-        owner_numbers.clear();
     }
 };
 
@@ -583,70 +570,38 @@ bool plain_id(const char *id, int &n) {
     return n > 0 && std::to_string(n) == id;
 }
 
-bool digits_only(const char *s) {
-    if (!s || !*s) return false;
-    for (; *s; ++s)
-        if (*s < '0' || *s > '9') return false;
-    return true;
-}
-
-bool covers(int kind, int k) {
-    return kind == kKindAll || kind == k;
-}
-
-// Fetches what the children of id will ask, when they are owners whose files are all rewritten.
+// Fetches the stored-file sums the children of id will ask for, when they are owners whose
+// files are all rewritten.
 void batch_children(const char *id, int kind, bool children_are_owners, int child_force) {
     ChildBatch &b = child_batch();
     b.forget_children();
     if (!b.enabled || !id || !children_are_owners || child_force < 1) return;
     std::string statement;
     for (int k = 0; k < kKindCount; ++k) {
-        if (!kFileTables[k] || !covers(kind, k)) continue;
+        if (!kFileTables[k] || (kind != kKindAll && kind != k)) continue;
         if (!statement.empty()) statement += kUnionAll;
         statement += qx::format(kChildSumsPart, k, kFileTables[k], id);
     }
-    const bool numbers = covers(kind, kKindFax) || covers(kind, kKindRecording);
-    if (statement.empty() && !numbers) return;
+    if (statement.empty()) return;
     qx::SessionGuard sess;
     if (!sess) return;
+    MYSQL_RES *raw = nullptr;
+    const int rc = fr_sql_conn_query(sess.get(), 1, &raw, "%s", statement.c_str());
+    qx::Result result(raw);
+    if (rc != 0 || !result) return;
+    while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+        int child = 0;
+        if (!row[0] || !plain_id(row[1], child)) {
+            b.sums.clear();
+            return;
+        }
+        auto [at, fresh] = b.sums.try_emplace(child);
+        if (fresh) at->second.fill(0);
+        // SUM over no rows is NULL, which the child's own statement reads as 0.
+        at->second[to_int(row[0]) % kKindCount] = row[2] ? std::strtoll(row[2], nullptr, 10) : 0;
+    }
     b.parent = id;
-    if (!statement.empty()) {
-        MYSQL_RES *raw = nullptr;
-        const int rc = fr_sql_conn_query(sess.get(), 1, &raw, "%s", statement.c_str());
-        qx::Result result(raw);
-        if (rc == 0 && result) {
-            b.sums_ok = true;
-            while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
-                int child = 0;
-                if (!row[0] || !plain_id(row[1], child)) {
-                    b.sums_ok = false;
-                    break;
-                }
-                auto [at, fresh] = b.sums.try_emplace(child);
-                if (fresh) at->second.fill(0);
-                // SUM over no rows is NULL, which the child's own statement reads as 0.
-                at->second[to_int(row[0]) % kKindCount] =
-                    row[2] ? std::strtoll(row[2], nullptr, 10) : 0;
-            }
-        }
-    }
-    if (numbers) {
-        MYSQL_RES *raw = nullptr;
-        const int rc = fr_sql_conn_query(sess.get(), 1, &raw, kChildNumbersQuery, id);
-        qx::Result result(raw);
-        if (rc == 0 && result) {
-            b.numbers_ok = true;
-            while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
-                // Any other text may equal a number under the column's collation.
-                if (!digits_only(row[0])) {
-                    b.numbers_ok = false;
-                    break;
-                }
-                if (!row[1] || !b.full_numbers.try_emplace(row[0], row[1]).second)
-                    b.repeated.insert(row[0]);
-            }
-        }
-    }
+    b.sums_ok = true;
 }
 
 // The database sum of one owner's stored files, when the batch holds it.
@@ -656,40 +611,6 @@ bool batched_sum(int kind, const char *id, const char *parent_id, long long &sum
     if (!b.sums_ok || !parent_id || b.parent != parent_id || !plain_id(id, owner)) return false;
     const auto at = b.sums.find(owner);
     sum = at == b.sums.end() ? 0 : at->second[kind];
-    return true;
-}
-
-// The owner's numbers as qx_user_get_extensions_sess gives them, when the batch can answer.
-bool batched_numbers(const char *client_id, int owner, bool numbers_only,
-                     std::vector<std::optional<std::string>> &out) {
-    ChildBatch &b = child_batch();
-    if (!client_id || b.parent.empty() || b.parent != client_id) return false;
-    if (!b.owner_known || b.owner != owner) {
-        b.owner = owner;
-        b.owner_known = true;
-        b.owner_numbers.clear();
-        size_t count = 0;
-        char **numbers = qx_user_get_extensions_sess(nullptr, client_id, owner, 1, &count);
-        for (size_t i = 0; numbers && i < count; ++i)
-            b.owner_numbers.push_back(copy_or_none(numbers[i]));
-        if (numbers) free_string_array(numbers, count);
-    }
-    out.clear();
-    for (const std::optional<std::string> &number : b.owner_numbers) {
-        if (numbers_only || !number) {
-            out.push_back(number);
-            continue;
-        }
-        const char *n = number->c_str();
-        if (b.numbers_ok && digits_only(n) && !b.repeated.count(*number)) {
-            const auto at = b.full_numbers.find(*number);
-            out.push_back(at == b.full_numbers.end() ? std::nullopt
-                                                     : std::optional<std::string>(at->second));
-            continue;
-        }
-        qx::CStr full(qx_get_full_number(client_id, n));
-        out.push_back(copy_or_none(full.get()));
-    }
     return true;
 }
 
@@ -820,29 +741,23 @@ int media_dirs(int kind, int level, const char *reseller_id, const char *client_
     if (level != kLevelOwner) return -1;
     // Voicemail boxes are named by the short numbers; fax and recordings by the full ones.
     const int numbers_only = kind == kKindVoicemail ? 1 : 0;
-    std::vector<std::optional<std::string>> numbers;
-    if (!batched_numbers(client_id, to_int(own), numbers_only, numbers)) {
-        size_t count = 0;
-        char **list =
-            qx_user_get_extensions_sess(nullptr, client_id, to_int(own), numbers_only, &count);
-        if (!list) return 0;
-        struct Release {
-            char **list;
-            size_t n;
-            ~Release() { free_string_array(list, n); }
-        } release{list, count};
-        for (size_t i = 0; i < count; ++i)
-            numbers.push_back(copy_or_none(list[i]));
-    }
+    size_t count = 0;
+    char **numbers =
+        qx_user_get_extensions_sess(nullptr, client_id, to_int(own), numbers_only, &count);
+    if (!numbers) return 0;
+    struct Release {
+        char **list;
+        size_t n;
+        ~Release() { free_string_array(list, n); }
+    } release{numbers, count};
     const char *client = client_id ? client_id : "";
-    for (const std::optional<std::string> &number : numbers) {
-        if (!number) continue;
+    for (size_t i = 0; i < count; ++i) {
+        if (!numbers[i]) continue;
         if (kind == kKindVoicemail) {
-            out.push_back(
-                qx::format(kVoicemailDirFmt, s.spool_dir.c_str(), client, number->c_str()));
+            out.push_back(qx::format(kVoicemailDirFmt, s.spool_dir.c_str(), client, numbers[i]));
         } else {
             out.push_back(qx::format(kSpoolMediaDirFmt, s.spool_dir.c_str(),
-                                     kind == kKindFax ? "fax" : "monitor", number->c_str()));
+                                     kind == kKindFax ? "fax" : "monitor", numbers[i]));
         }
     }
     return 0;
