@@ -1,7 +1,7 @@
-// The file-writing part of the refresh floor: rewrites every quota file below a directory with
-// its own record, the way the engine writes one (open, exclusive lock, write at 0, truncate to
-// length, unlock, close).
-//   bench_qwrite DIR   prints the number of files and the seconds taken
+// The file part of the refresh floors: rewrites every quota file below a directory with its own
+// record, the way the engine writes one (open, exclusive lock, write at 0, truncate to length,
+// unlock, close), or with --read only reads each one (open, read, close).
+//   bench_qwrite [--read] DIR   prints the number of files and the seconds taken
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -13,12 +13,14 @@
 #include <vector>
 
 int main(int argc, char **argv) {
-    if (argc != 2) {
-        std::fprintf(stderr, "usage: bench_qwrite DIR\n");
+    const bool read_only = argc == 3 && std::string(argv[1]) == "--read";
+    if (argc != 2 && !read_only) {
+        std::fprintf(stderr, "usage: bench_qwrite [--read] DIR\n");
         return 2;
     }
+    const char *dir = argv[argc - 1];
     std::vector<std::pair<std::string, std::string>> files;
-    for (const auto &e : std::filesystem::recursive_directory_iterator(argv[1])) {
+    for (const auto &e : std::filesystem::recursive_directory_iterator(dir)) {
         if (!e.is_regular_file() || e.path().extension() != ".quota") continue;
         char buf[32] = {};
         int fd = ::open(e.path().c_str(), O_RDONLY | O_CLOEXEC);
@@ -28,6 +30,13 @@ int main(int argc, char **argv) {
     }
     auto start = std::chrono::steady_clock::now();
     for (const auto &[path, record] : files) {
+        if (read_only) {
+            char buf[32];
+            int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            if (fd < 0 || ::read(fd, buf, sizeof buf) < 0) std::perror(path.c_str());
+            if (fd >= 0) ::close(fd);
+            continue;
+        }
         int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
         if (fd < 0) continue;
         ::flock(fd, LOCK_EX);

@@ -19,6 +19,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -28,8 +29,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -72,6 +75,11 @@ constexpr char kChildrenQuery[] =
     " SELECT client.id, client.level  FROM client WHERE client.parent_client_id = '%s' ";
 constexpr char kChildIdsQuery[] =
     "SELECT client.id FROM client WHERE client.parent_client_id = '%s'";
+// A refresh worker asks once per account what the sequential walk asks once per child and kind.
+constexpr char kChildSumsPart[] =
+    "SELECT %d, e.client_id, SUM(er.filesize) FROM %s as er, extension as e, client as c WHERE "
+    "e.id=er.extension_id and e.client_id=c.id and c.parent_client_id='%s' GROUP BY e.client_id";
+constexpr char kUnionAll[] = " UNION ALL ";
 
 constexpr char kResellerPathFmt[] = "%s/%d/_placeholder_.quota";
 constexpr char kClientPathFmt[] = "%s/%d/%d/_placeholder_.quota";
@@ -149,6 +157,11 @@ R guarded(R fallback, F &&body) noexcept {
     } catch (...) {
         return fallback;
     }
+}
+
+std::optional<std::string> copy_or_none(const char *s) {
+    if (!s) return std::nullopt;
+    return std::string(s);
 }
 
 bool valid_kind(int kind) {
@@ -430,8 +443,9 @@ int write_record_emptying_first(int fd, long long value, int revision) {
 // Opens a quota file or dirty mark without blocking, and only when it is a regular file: a FIFO
 // or a device where a record belongs must not hang a refresh or a caller about to store a
 // voicemail. Anything else fails with EINVAL, which open itself never gives for these flags.
-qx::UniqueFd open_regular(const char *path, int flags, mode_t mode = 0) {
-    qx::UniqueFd fd(::open(path, flags | O_NONBLOCK | O_CLOEXEC, mode));
+// at: the directory a relative path starts from.
+qx::UniqueFd open_regular(const char *path, int flags, mode_t mode = 0, int at = AT_FDCWD) {
+    qx::UniqueFd fd(::openat(at, path, flags | O_NONBLOCK | O_CLOEXEC, mode));
     if (!fd) return fd;
     struct stat st;
     if (::fstat(fd.get(), &st) != 0) return qx::UniqueFd();
@@ -453,18 +467,18 @@ void log_file_error(int line, const char *action, const std::string &path, int e
 
 // Opens an existing quota file read-write or creates it (0660, given to asterisk). created
 // tells the caller that the file holds no record yet.
-qx::UniqueFd open_quota_file(const char *path, bool &created) {
+qx::UniqueFd open_quota_file(const char *path, bool &created, int at = AT_FDCWD) {
     created = false;
-    qx::UniqueFd fd = open_regular(path, O_RDWR);
+    qx::UniqueFd fd = open_regular(path, O_RDWR, 0, at);
     if (fd || errno != ENOENT) return fd;
-    fd.reset(::open(path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
+    fd.reset(::openat(at, path, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode));
     if (fd) {
         created = true;
         give_to_owner(fd.get());
         return fd;
     }
     // Another process created it in between: it is an existing file now.
-    if (errno == EEXIST) fd = open_regular(path, O_RDWR);
+    if (errno == EEXIST) fd = open_regular(path, O_RDWR, 0, at);
     return fd;
 }
 
@@ -517,6 +531,86 @@ int create_dirs(const char *path, mode_t mode, uid_t uid, gid_t gid) {
     }
     errno = err;
     return err == 0 ? 0 : -1;
+}
+
+// ---- lookups a refresh worker asks once per account -------------------------------------------
+
+// Round trips, not work, bound a refresh. A refresh worker therefore asks for all children of an
+// account at once what the sequential walk asks child by child and kind by kind: the sums of the
+// owners' stored files, and the child list its own files are summed over. The sequential run
+// never does: with one process its statements stay exactly those it has always issued. Whatever
+// the batch cannot answer (a failed statement, an id not in the database's form) falls back to
+// the child's own statement.
+struct ChildBatch {
+    bool enabled = false;
+    std::string parent;  // the account whose children the sums are for; empty: none
+    bool sums_ok = false;
+    std::unordered_map<int, std::array<long long, kKindCount>> sums;
+    // The child ids of the account whose own files are being summed, for all its kinds.
+    std::string ids_of;
+    std::vector<std::optional<std::string>> ids;
+
+    void forget_children() {
+        parent.clear();
+        sums_ok = false;
+        sums.clear();
+    }
+};
+
+ChildBatch &child_batch() {
+    static ChildBatch batch;
+    return batch;
+}
+
+// The id as the database prints it: only then is a lookup by number the same as by text.
+bool plain_id(const char *id, int &n) {
+    if (!id) return false;
+    n = to_int(id);
+    return n > 0 && std::to_string(n) == id;
+}
+
+// Fetches the stored-file sums the children of id will ask for, when they are owners whose
+// files are all rewritten.
+void batch_children(const char *id, int kind, bool children_are_owners, int child_force) {
+    ChildBatch &b = child_batch();
+    b.forget_children();
+    if (!b.enabled || !id || !children_are_owners || child_force < 1) return;
+    std::string statement;
+    for (int k = 0; k < kKindCount; ++k) {
+        if (!kFileTables[k] || (kind != kKindAll && kind != k)) continue;
+        if (!statement.empty()) statement += kUnionAll;
+        statement += qx::format(kChildSumsPart, k, kFileTables[k], id);
+    }
+    if (statement.empty()) return;
+    qx::SessionGuard sess;
+    if (!sess) return;
+    MYSQL_RES *raw = nullptr;
+    const int rc = fr_sql_conn_query(sess.get(), 1, &raw, "%s", statement.c_str());
+    qx::Result result(raw);
+    if (rc != 0 || !result) return;
+    while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
+        int child = 0;
+        if (!row[0] || !plain_id(row[1], child)) {
+            b.sums.clear();
+            return;
+        }
+        auto [at, fresh] = b.sums.try_emplace(child);
+        if (fresh) at->second.fill(0);
+        // SUM over no rows is NULL, which the child's own statement reads as 0.
+        at->second[to_int(row[0]) % kKindCount] = row[2] ? std::strtoll(row[2], nullptr, 10) : 0;
+    }
+    b.parent = id;
+    b.sums_ok = true;
+}
+
+// The database sum of one owner's stored files, when the batch holds it.
+bool batched_sum(int kind, const char *id, const char *parent_id, long long &sum) {
+    const ChildBatch &b = child_batch();
+    int owner = 0;
+    if (!b.sums_ok || !parent_id || b.parent != parent_id || !plain_id(id, owner)) return false;
+    const auto at = b.sums.find(owner);
+    sum = at == b.sums.end() ? 0 : at->second[kind];
+    return true;
 }
 
 // ---- usage on disk ---------------------------------------------------------------------------
@@ -715,33 +809,161 @@ void spoil_failed_write(int fd, const std::string &path, bool created) {
     }
 }
 
-// Adds the children's values of one kind. exact stays true only when every child's file was
-// read: a missing, unreadable or dirty child file means the child's own refresh failed, and a
-// sum over it would only look right.
-int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &exact,
-              std::string &cause) {
-    exact = false;
-    if (!id || !dir || !valid_kind(kind)) return -1;
+bool rev_in_range(const char *path, long long &value, int at = AT_FDCWD) {
+    qx::UniqueFd fd = open_regular(path, O_RDONLY, 0, at);
+    if (!fd) return false;
+    int revision = -1;
+    if (read_record(fd.get(), &value, &revision) != 0) return false;
+    return revision >= 0 && revision <= kRevisionLimit;
+}
+
+// An account's quota directory, opened on first use for the file lookups of all its kinds and
+// children: each file is then found from it instead of through the whole path again. Where it
+// cannot be opened, files are looked up by their full paths as before.
+class AccountDir {
+  public:
+    explicit AccountDir(const std::string &dir) : dir_(dir) {}
+
+    // The directory to start from and the name of path below it; AT_FDCWD and path itself when
+    // the directory is not open.
+    int at(const std::string &path, const char *&name) {
+        if (!tried_) {
+            tried_ = true;
+            fd_.reset(::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        }
+        name = path.c_str();
+        if (!fd_ || path.compare(0, dir_.size(), dir_) != 0) return AT_FDCWD;
+        const char *rest = path.c_str() + dir_.size();
+        if (*rest != '/') return AT_FDCWD;
+        while (*rest == '/')
+            ++rest;
+        if (!*rest) return AT_FDCWD;
+        name = rest;
+        return fd_.get();
+    }
+
+    // The skip test of an unforced refresh: the file is not marked dirty and holds a record
+    // whose revision is in range (value receives it). One listing of the directory answers for
+    // the marks and file types of all kinds, where a lookup per file used to; whatever the
+    // listing cannot tell (links, unknown types) is asked of the file itself as before.
+    bool clean_and_current(const std::string &path, long long &value) {
+        const char *name = nullptr;
+        const int at = this->at(path, name);
+        const std::string mark = dirty_mark(name);
+        const unsigned char mark_type = listed(at, mark.c_str());
+        if (mark_type == DT_UNKNOWN || mark_type == DT_LNK) {
+            if (::faccessat(at, mark.c_str(), F_OK, 0) == 0) return false;
+        } else if (mark_type != kAbsent) {
+            return false;
+        }
+        if (listed(at, name) != DT_REG) return rev_in_range(name, value, at);
+        qx::UniqueFd fd(::openat(at, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+        int revision = -1;
+        if (!fd || read_record(fd.get(), &value, &revision) != 0) return false;
+        return revision >= 0 && revision <= kRevisionLimit;
+    }
+
+  private:
+    // Not a d_type value: the listing has no entry of that name.
+    static constexpr unsigned char kAbsent = 0xff;
+
+    // The type the listing gives a name directly in the directory, or DT_UNKNOWN when there is
+    // no listing to ask.
+    unsigned char listed(int at, const char *name) {
+        if (at == AT_FDCWD || std::strchr(name, '/')) return DT_UNKNOWN;
+        if (!listed_) list();
+        if (!listing_ok_) return DT_UNKNOWN;
+        for (const auto &[entry, type] : entries_)
+            if (entry == name) return type;
+        return kAbsent;
+    }
+
+    void list() {
+        listed_ = true;
+        alignas(struct dirent64) char buf[kListingBuffer];
+        for (;;) {
+            const ssize_t got = ::getdents64(fd_.get(), buf, sizeof buf);
+            if (got <= 0) {
+                listing_ok_ = got == 0;
+                return;
+            }
+            for (ssize_t at = 0; at < got;) {
+                const auto *entry = reinterpret_cast<const struct dirent64 *>(buf + at);
+                at += entry->d_reclen;
+                // Only quota files and their marks are ever asked about.
+                const std::string_view n(entry->d_name);
+                if (n.ends_with(".quota") || n.ends_with(".dirty"))
+                    entries_.emplace_back(n, entry->d_type);
+            }
+        }
+    }
+
+    static constexpr size_t kListingBuffer = 16384;
+
+    const std::string &dir_;
+    bool tried_ = false;
+    qx::UniqueFd fd_;
+    bool listed_ = false;
+    bool listing_ok_ = false;
+    std::vector<std::pair<std::string, unsigned char>> entries_;
+};
+
+// is_dirty for a file found from a directory.
+bool dirty_at(int at, const char *name) {
+    return ::faccessat(at, dirty_mark(name).c_str(), F_OK, 0) == 0;
+}
+
+// The ids of the account's children, as the children statement returns them; a row without id
+// ends the list. A refresh worker asks once for all kinds of the account.
+bool child_ids(const char *id, std::vector<std::optional<std::string>> &out, std::string &cause) {
+    ChildBatch &b = child_batch();
+    if (b.enabled && b.ids_of == id) {
+        out = b.ids;
+        return true;
+    }
+    out.clear();
     qx::SessionGuard sess;
     if (!sess) {
         FR_LOG(kSrc, kLogChannel, kLogDebug, kConditionFailedFmt, kSrc, __LINE__);
         cause = "no database session for the children";
-        return -1;
+        return false;
     }
     qx::Result result;
     if (!query_rows(sess, "grab_child_quotas", __LINE__, result, id, false)) {
         cause = qx::format("children query failed: %s", sess.error());
-        return -1;
+        return false;
     }
-    exact = true;
     while (MYSQL_ROW row = mysql_fetch_row(result.get())) {
-        if (!row[0]) {
+        out.push_back(copy_or_none(row[0]));
+        if (!row[0]) break;
+    }
+    if (b.enabled) {
+        b.ids_of = id;
+        b.ids = out;
+    }
+    return true;
+}
+
+// Adds the children's values of one kind. exact stays true only when every child's file was
+// read: a missing, unreadable or dirty child file means the child's own refresh failed, and a
+// sum over it would only look right.
+int child_sum(const char *id, int kind, const char *dir, AccountDir &account_dir, long long &sum,
+              bool &exact, std::string &cause) {
+    exact = false;
+    if (!id || !dir || !valid_kind(kind)) return -1;
+    std::vector<std::optional<std::string>> ids;
+    if (!child_ids(id, ids, cause)) return -1;
+    exact = true;
+    for (const std::optional<std::string> &child : ids) {
+        if (!child) {
             exact = false;
             cause = "a child without id";
             return -1;
         }
-        std::string path = qx::format(kChildFileFmt, dir, to_int(row[0]), kKindNames[kind]);
-        qx::UniqueFd fd = open_regular(path.c_str(), O_RDONLY);
+        std::string path = qx::format(kChildFileFmt, dir, to_int(child->c_str()), kKindNames[kind]);
+        const char *name = nullptr;
+        const int at = account_dir.at(path, name);
+        qx::UniqueFd fd = open_regular(name, O_RDONLY, 0, at);
         long long value = -1;
         if (!fd) {
             if (exact) cause = qx::format("child file %s: %s", path.c_str(), error_text(errno));
@@ -753,7 +975,7 @@ int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &e
             exact = false;
             continue;
         }
-        if (is_dirty(path.c_str())) {
+        if (dirty_at(at, name)) {
             if (exact) cause = qx::format("child file %s is marked dirty", path.c_str());
             exact = false;
         }
@@ -763,20 +985,14 @@ int child_sum(const char *id, int kind, const char *dir, long long &sum, bool &e
     return 0;
 }
 
-bool rev_in_range(const char *path, long long &value) {
-    qx::UniqueFd fd = open_regular(path, O_RDONLY);
-    if (!fd) return false;
-    int revision = -1;
-    if (read_record(fd.get(), &value, &revision) != 0) return false;
-    return revision >= 0 && revision <= kRevisionLimit;
-}
-
 // Writes one record under a blocking lock. opened: the file could be opened or created. The
 // result is true only when the file holds the new record; any failure is logged and the file
 // marked.
-bool write_quota(const std::string &path, long long value, int revision, bool &opened) {
+// at and name: where to find the file, when not by path.
+bool write_quota(const std::string &path, long long value, int revision, bool &opened,
+                 int at = AT_FDCWD, const char *name = nullptr) {
     bool created;
-    qx::UniqueFd fd = open_quota_file(path.c_str(), created);
+    qx::UniqueFd fd = open_quota_file(name ? name : path.c_str(), created, at);
     opened = static_cast<bool>(fd);
     if (!fd) {
         const int err = errno;
@@ -785,15 +1001,15 @@ bool write_quota(const std::string &path, long long value, int revision, bool &o
         if (err != ENOENT) mark_dirty(path);
         return false;
     }
-    // The record is written even without the lock: a refresh must not leave a stale value.
-    const bool locked = lock_blocking(fd.get()) == 0;
+    // The record is written even without the lock: a refresh must not leave a stale value. The
+    // lock goes with the descriptor, closed on return, with no unlock call of its own.
+    (void)lock_blocking(fd.get());
     const bool written = write_record(fd.get(), value, revision) >= 0;
     if (!written) {
         const int err = errno;
         log_file_error(__LINE__, "write quota file", path, err);
         spoil_failed_write(fd.get(), path, created);
     }
-    if (locked) ::flock(fd.get(), LOCK_UN);
     return written;
 }
 
@@ -811,7 +1027,9 @@ bool own_usage(int kind, int level, const char *id, const char *parent_id,
     if (kFileTables[kind]) {
         if (level != kLevelOwner) return true;
         // No files at all is a NULL sum, which reads as 0; -1 is the failure.
-        long long sum = qx_get_db_files_quota(kFileTables[kind], kLevelOwner, id);
+        long long sum = 0;
+        if (!batched_sum(kind, id, parent_id, sum))
+            sum = qx_get_db_files_quota(kFileTables[kind], kLevelOwner, id);
         if (sum == -1) {
             cause = qx::format("the database sum over %s failed", kFileTables[kind]);
             return false;
@@ -873,16 +1091,18 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
     const int last = kind == kKindAll ? kKindCount - 1 : kind;
     bool dirs_tried = false;
     bool dirs_ready = false;
+    child_batch().ids_of.clear();
+    AccountDir account_dir(dir);
     for (int k = first; k <= last; ++k) {
         const std::string path = kind_file(dir, k);
-        if (force < 1 && !is_dirty(path.c_str()) && rev_in_range(path.c_str(), current)) continue;
+        if (force < 1 && account_dir.clean_and_current(path, current)) continue;
 
         std::string cause;
         long long own = 0;
         bool exact = own_usage(k, level, id, parent_id, grandparent_id, own, cause);
         long long children = 0;
         if (exact && level <= kLevelWithChildren)
-            child_sum(id, k, dir.c_str(), children, exact, cause);
+            child_sum(id, k, dir.c_str(), account_dir, children, exact, cause);
         if (!exact) {
             ++faults.count;
             FR_LOG(kSrc, kLogChannel, kLogError, kNotRefreshedFmt, kSrc, __LINE__, id,
@@ -910,8 +1130,10 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
             }
         }
         bool opened;
-        if (dirs_ready && write_quota(path, current, 0, opened)) {
-            unset_dirty(path.c_str());
+        const char *name = nullptr;
+        const int at = dirs_ready ? account_dir.at(path, name) : AT_FDCWD;
+        if (dirs_ready && write_quota(path, current, 0, opened, at, name)) {
+            ::unlinkat(at, dirty_mark(name).c_str(), 0);
         } else {
             ++faults.count;
         }
@@ -969,6 +1191,13 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
                 children.push_back({row[0], to_int(row[1]), true});
             }
         }
+        const bool owners = std::any_of(children.begin(), children.end(), [](const ChildRow &c) {
+            return c.complete && c.level == kLevelOwner;
+        });
+        batch_children(id, kind, owners, force - 1);
+        struct Forget {
+            ~Forget() { child_batch().forget_children(); }
+        } forget;
         for (const ChildRow &child : children) {
             if (!child.complete) {
                 dir.resize(base);
@@ -1054,11 +1283,6 @@ const char *text_or_null(const std::optional<std::string> &s) {
     return s ? s->c_str() : nullptr;
 }
 
-std::optional<std::string> copy_or_none(const char *s) {
-    if (!s) return std::nullopt;
-    return std::string(s);
-}
-
 }  // namespace
 
 namespace qx::refresh {
@@ -1130,6 +1354,10 @@ void abandon(const Account &account, int kind, const char *cause) {
 
 bool strict() {
     return settings().strict;
+}
+
+void batch_lookups() {
+    child_batch().enabled = true;
 }
 
 }  // namespace qx::refresh
@@ -1621,7 +1849,9 @@ extern "C" int grab_child_quotas(const char *id, const char * /*parent_id*/,
     return guarded(-1, [&] {
         bool exact;
         std::string cause;
-        return child_sum(id, kind, dir, *sum, exact, cause);
+        const std::string dir_text = dir ? dir : "";
+        AccountDir account_dir(dir_text);
+        return child_sum(id, kind, dir, account_dir, *sum, exact, cause);
     });
 }
 

@@ -102,6 +102,7 @@ bool read_all(int fd, void *buf, size_t n) {
     fr_sqlpool_forget();
     qx_sql_pool_init();
     *ast_cache_handle() = nullptr;
+    qx::refresh::batch_lookups();
     int status = 0;
     try {
         int32_t unit;

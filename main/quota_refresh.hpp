@@ -31,5 +31,8 @@ int refresh_own(const Account &account, int kind);
 void abandon(const Account &account, int kind, const char *cause);
 // Whether a fault fails the refresh (QUOTA_STRICT_REFRESH).
 bool strict();
+// From now on this process asks the lookups of an account's children once per account (the
+// statements change, the results do not). Only for refresh workers.
+void batch_lookups();
 
 }  // namespace qx::refresh
