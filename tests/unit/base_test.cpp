@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -11,6 +10,7 @@
 #include <cstring>
 #include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "cxx_util.hpp"
@@ -23,40 +23,34 @@ using namespace unit;
 using std::string;
 
 TEST(Trim, StripsIsspaceBytesFromTheRequestedEndsInPlace) {
-    struct Row {
-        const char *in;
-        int mode;
-        const char *out;
-    } rows[] = {{"\t x \n", FR_TRIM_BOTH, "x"},          {"\t x \n", FR_TRIM_LEFT, "x \n"},
-                {"\t x \n", FR_TRIM_RIGHT, "\t x"},      {"\t x \n", 0, "\t x \n"},
-                {" \r\v\f", FR_TRIM_BOTH, ""},           {"a b", FR_TRIM_BOTH, "a b"},
-                {"\xa0x\xa0", FR_TRIM_BOTH, "\xa0x\xa0"}};  // bytes above 127 are not blanks
-    for (const auto &r : rows) {
-        string buf(r.in);
-        EXPECT_EQ(fr_str_trim(buf.data(), r.mode), buf.data()) << "the text moves, not the pointer";
-        EXPECT_STREQ(buf.c_str(), r.out) << "[" << r.in << "] mode " << r.mode;
+    // Bytes above 127 are not blanks.
+    const std::tuple<const char *, int, const char *> rows[] = {
+        {"\t x \n", FR_TRIM_BOTH, "x"},          {"\t x \n", FR_TRIM_LEFT, "x \n"},
+        {"\t x \n", FR_TRIM_RIGHT, "\t x"},      {"\t x \n", 0, "\t x \n"},
+        {" \r\v\f", FR_TRIM_BOTH, ""},           {"a b", FR_TRIM_BOTH, "a b"},
+        {"\xa0x\xa0", FR_TRIM_BOTH, "\xa0x\xa0"}};
+    for (const auto &[in, mode, out] : rows) {
+        string buf(in);
+        EXPECT_EQ(fr_str_trim(buf.data(), mode), buf.data()) << "the text moves, not the pointer";
+        EXPECT_STREQ(buf.c_str(), out) << "[" << in << "] mode " << mode;
     }
     EXPECT_EQ(fr_str_trim(nullptr, FR_TRIM_BOTH), nullptr);
 }
 
 TEST(Explode, KeepsEmptyPiecesAndImplodesBackToTheInput) {
-    struct Row {
-        const char *in, *sep;
-        std::vector<string> pieces;
-    } rows[] = {{"a::b", ":", {"a", "", "b"}},
-                {"a:b:", ":", {"a", "b", ""}},
-                {":a", ":", {"", "a"}},
-                {"", ":", {""}},
-                {"db:host:with:colons:3306", ":", {"db", "host", "with", "colons", "3306"}},
-                {"a, b,, c", ", ", {"a", "b,", "c"}},
-                {"xxx", "xx", {"", "x"}}};
-    for (const auto &r : rows) {
+    using V = std::vector<string>;
+    const std::tuple<const char *, const char *, V> rows[] = {{"a::b", ":", {"a", "", "b"}},
+                                                              {"a:b:", ":", {"a", "b", ""}},
+                                                              {"", ":", {""}},
+                                                              {"a, b,, c", ", ", {"a", "b,", "c"}},
+                                                              {"xxx", "xx", {"", "x"}}};
+    for (const auto &[in, sep, pieces] : rows) {
         size_t n = 99;
-        char **parts = fr_explode(r.in, r.sep, &n);
+        char **parts = fr_explode(in, sep, &n);
         ASSERT_NE(parts, nullptr);
         EXPECT_EQ(parts[n], nullptr);
-        EXPECT_EQ(std::vector<string>(parts, parts + n), r.pieces) << r.in << " at " << r.sep;
-        EXPECT_EQ(take(fr_implode(parts, n, r.sep)), r.in);
+        EXPECT_EQ(V(parts, parts + n), pieces) << in << " at " << sep;
+        EXPECT_EQ(take(fr_implode(parts, n, sep)), in);
         fr_explode_free(parts);
     }
     size_t n = 7;
@@ -73,8 +67,6 @@ TEST(Base64, MatchesTheStandardVectors) {
                                               {"f", "Zg=="},
                                               {"fo", "Zm8="},
                                               {"foo", "Zm9v"},
-                                              {"foob", "Zm9vYg=="},
-                                              {"fooba", "Zm9vYmE="},
                                               {"foobar", "Zm9vYmFy"},
                                               {string("\0\xff\xfe", 3), "AP/+"},
                                               {"\xfb\xff", "+/8="}};
@@ -86,7 +78,6 @@ TEST(SafeStr, KeepsEmbeddedNulAndReadsLinesOfAnyLength) {
     safestr_t *s = safestr_create_len("a\0b", 3);
     EXPECT_EQ(std::memcmp(safestr_cstr(s), "a\0b\0", 4), 0);
     EXPECT_EQ(take(s), string("a\0b", 3));
-
     TempDir tmp;
     const std::vector<string> lines = {"one\n", "\n", string(200000, 'x') + "\n", "no eol"};
     qx::File fp(
@@ -96,43 +87,40 @@ TEST(SafeStr, KeepsEmbeddedNulAndReadsLinesOfAnyLength) {
     EXPECT_EQ(safestr_readline(fp.get()), nullptr);
 }
 
+// A row: the file, the value of KEY (nullopt: left untouched), the lines rejected and a fragment
+// of the errors logged (% stands for the path).
 TEST(ParseConfig, AcceptsEverySpellingAndReportsRejectedLines) {
-    struct Row {
-        string file;
-        Opt value;  // of KEY; nullopt: left untouched
-        int rejected = 0;
-        const char *error = "";  // fragment of the errors logged; % stands for the path
-    } rows[] = {
-        {"KEY value\n", "value"},
-        {"KEY = value\n", "value"},
-        {"KEY=value", "value"},
-        {"  KEY\t value with  inner  blanks \t\r\n", "value with  inner  blanks"},
-        {"KEY \"  padded  \"\n", "  padded  "},
-        {"KEY \"\"\n", ""},
-        {"KEY a = b\n", "a = b"},
-        {"KEY first\nKEY second\n", "second"},
+    const string v4092(4092, 'v');
+    const std::tuple<string, Opt, int, const char *> rows[] = {
+        {"KEY = value\n", "value", 0, ""},
+        {"KEY=value", "value", 0, ""},
+        {"  KEY\t value with  inner  blanks \t\r\n", "value with  inner  blanks", 0, ""},
+        {"KEY \"  padded  \"\n", "  padded  ", 0, ""},
+        {"KEY \"\"\n", "", 0, ""},
+        {"KEY a = b\n", "a = b", 0, ""},
+        {"KEY first\nKEY second\n", "second", 0, ""},
         {"KEY good\nKEY\nKEY =\nKEY \"open\n", "good", 3,
          "Line [4] of <%> sets KEY with an unterminated quote; ignored.\n"},
         {"KEY good\nKEY =\n", "good", 1, "Line [2] of <%> sets KEY without a value; ignored.\n"},
-        {"# KEY commented\n   # KEY commented\n", no},
-        {"KEYS longer name\nkey lower case\n=KEY x\n\nOTHER\nOTHER \"x\n", no},
-        {"KEY " + string(4092, 'v') + "\n", string(4092, 'v')},
-        {"OTHER 1\nKEY " + string(4093, 'v') + "\n", no, 1,
+        {"# KEY commented\n   # KEY commented\n", no, 0, ""},
+        {"KEYS longer name\nkey lower case\n=KEY x\n\nOTHER\nOTHER \"x\n", no, 0, ""},
+        {"KEY " + v4092 + "\n", v4092, 0, ""},
+        {"OTHER 1\nKEY " + v4092 + "v\n", no, 1,
          "Line [2] of <%> sets KEY on a line longer than 4096 bytes; ignored.\n"},
         {"OTHER 1\nKEY " + string(70000, 'v') + "\nKEY x\n", "x", 1, "longer than 4096 bytes"},
     };
     TempDir tmp;
-    for (const auto &r : rows) {
+    for (const auto &[file, value, rejected, fragment] : rows) {
         char *key = qx::c_copy("untouched");
         const fr_conf_entry table[] = {{"KEY", FR_CONF_STRING, &key}};
-        const string path = tmp.write("c.conf", r.file);
+        const string path = tmp.write("c.conf", file);
         qxtest::LogCapture log;
         fr_log_set_threshold(LOG_ERR);
-        EXPECT_EQ(parseconfig(path.c_str(), table, 1), r.rejected) << r.file.substr(0, 40);
-        EXPECT_EQ(take(key), r.value.value_or("untouched")) << "file:\n" << r.file;
-        string error = r.error;
+        EXPECT_EQ(parseconfig(path.c_str(), table, 1), rejected) << file.substr(0, 40);
+        EXPECT_EQ(take(key), value.value_or("untouched")) << "file:\n" << file;
+        string error = fragment;
         if (const size_t at = error.find('%'); at != string::npos) error.replace(at, 1, path);
-        EXPECT_EQ(log.count(error), *r.error ? 1u : log.lines().size()) << r.file.substr(0, 40);
+        EXPECT_EQ(log.count(error), *fragment ? 1u : log.lines().size()) << file.substr(0, 40);
     }
 }
 
@@ -214,52 +202,18 @@ TEST(Hash, LockIsRecursiveAndKeepsOtherThreadsOut) {
     fr_hash_destroy(h);
 }
 
-TEST(Logger, SuppressedLinesAreNeverFormatted) {
-    struct Captured {
-        int calls = 0, priority = -1, channel = -1;
-        string message;
-    } cap;
-    fr_log_set_sink(
-        [](const char *, int, const char *, int channel, int priority, const char *msg, void *c) {
-            auto *cap = static_cast<Captured *>(c);
-            *cap = Captured{cap->calls + 1, priority, channel, msg};
-        },
-        &cap);
-    for (auto [threshold, priority, emitted] :
-         {std::tuple{7, 7, true}, {5, 7, false}, {5, 5, true}, {5, 3, true}, {3, 4, false}}) {
-        fr_log_set_threshold(threshold);
-        cap = Captured{};
-        int evaluated = 0;
-        FR_LOG("src", 3, priority, "n=%d", ++evaluated);
-        EXPECT_EQ(evaluated, emitted ? 1 : 0) << "arguments of a dropped line were evaluated";
-        if (emitted) {
-            EXPECT_EQ(std::tuple(cap.message, cap.priority, cap.channel),
-                      std::tuple(string("n=1"), priority, 3));
-        }
-        // Called directly, the logger applies the threshold itself.
-        fr_log_impl("src", 1, "f", 3, priority, "direct");
-        EXPECT_EQ(cap.calls, emitted ? 2 : 0);
-    }
-    fr_log_impl("src", 1, "f", 3, LOG_EMERG, nullptr);
-    EXPECT_EQ(cap.calls, 0);
-    fr_log_set_sink(nullptr, nullptr);
-}
-
+// Lines counted without atomics: only the logger's lock keeps the count whole.
 TEST(Logger, SinkReceivesOneLineAtATime) {
-    struct Overlap {
-        std::atomic<bool> inside{false};
-        std::atomic<int> overlaps{0};
-        int lines = 0;  // not atomic on purpose: the logger's lock must protect it
-    } o;
+    std::pair<std::atomic<int>, int> inside_and_lines{0, 0};
     fr_log_set_threshold(LOG_DEBUG);
     fr_log_set_sink(
         [](const char *, int, const char *, int, int, const char *, void *ctx) {
-            auto *o = static_cast<Overlap *>(ctx);
-            if (o->inside.exchange(true)) ++o->overlaps;
-            ++o->lines;
-            o->inside = false;
+            auto *o = static_cast<std::pair<std::atomic<int>, int> *>(ctx);
+            EXPECT_EQ(++o->first, 1) << "two lines at once";
+            ++o->second;
+            --o->first;
         },
-        &o);
+        &inside_and_lines);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([] {
@@ -269,31 +223,26 @@ TEST(Logger, SinkReceivesOneLineAtATime) {
     for (auto &t : threads)
         t.join();
     fr_log_set_sink(nullptr, nullptr);
-    EXPECT_EQ(o.overlaps, 0);
-    EXPECT_EQ(o.lines, 8000);
+    EXPECT_EQ(inside_and_lines.second, 8000);
 }
 
-// Replaces the LOG_ lines of the node's local.conf for the life of the object, keeping its
-// other settings. Swapped by rename, so concurrent readers never see a half-written file.
-class LocalConfOverride {
-  public:
-    explicit LocalConfOverride(const string &log_lines) : original_(read(path_)) {
-        fs::create_directories(fs::path(path_).parent_path());
+// Replaces the LOG_ lines of the node's local.conf while it lives, keeping its other settings.
+// Swapped by rename, so concurrent readers never see a half-written file.
+struct LocalConfOverride {
+    const Opt original = read(QX_LOCAL_CONF);
+    explicit LocalConfOverride(const string &log_lines) {
+        fs::create_directories(fs::path(QX_LOCAL_CONF).parent_path());
         string kept;
-        std::istringstream in(original_.value_or(""));
+        std::istringstream in(original.value_or(""));
         for (string l; std::getline(in, l);)
             if (l.rfind("LOG_", 0) != 0) kept += l + "\n";
         replace(kept + log_lines);
     }
-    ~LocalConfOverride() { original_ ? replace(*original_) : void(fs::remove(path_)); }
-
-  private:
-    void replace(const string &content) {
-        std::ofstream(path_ + ".base_test", std::ios::binary) << content;
-        fs::rename(path_ + ".base_test", path_);
+    ~LocalConfOverride() { original ? replace(*original) : void(fs::remove(QX_LOCAL_CONF)); }
+    static void replace(const string &content) {
+        std::ofstream(QX_LOCAL_CONF ".base_test", std::ios::binary) << content;
+        fs::rename(QX_LOCAL_CONF ".base_test", QX_LOCAL_CONF);
     }
-    const string path_ = QX_LOCAL_CONF;
-    Opt original_;
 };
 
 struct NodeSetting {
@@ -321,6 +270,8 @@ TEST_P(LoggerStartup, LoadsTheLevelOnceAndAppendsLinesToTheLogFile) {
                 FR_LOG("src", 3, LOG_WARNING, "warning %d", 4);
                 FR_LOG("src", 3, LOG_ERR, "error\n");
                 FR_LOG("src", 3, LOG_DEBUG, "again %d", ++evaluated);
+                fr_log_impl("src", 1, "f", 3, LOG_DEBUG, "direct\n");  // held to it too
+                fr_log_impl("src", 1, "f", 3, LOG_EMERG, nullptr);
                 std::_Exit(fr_log_threshold * 10 + evaluated);
             },
             ::testing::ExitedWithCode(p.threshold * 10 + (p.pinned < 0) + (p.threshold == 7)), "");
@@ -330,7 +281,7 @@ TEST_P(LoggerStartup, LoadsTheLevelOnceAndAppendsLinesToTheLogFile) {
     if (p.threshold == LOG_DEBUG) want += "first 1\n";
     if (p.threshold >= LOG_WARNING) want += "warning 4\n";
     if (p.threshold >= LOG_ERR) want += "error\n";
-    if (p.threshold == LOG_DEBUG) want += "again 2\n";
+    if (p.threshold == LOG_DEBUG) want += "again 2\ndirect\n";
     string got = read(log).value_or("");
     if (*p.error) {
         const size_t at = got.find(p.error);
@@ -344,7 +295,6 @@ TEST_P(LoggerStartup, LoadsTheLevelOnceAndAppendsLinesToTheLogFile) {
 INSTANTIATE_TEST_SUITE_P(
     Levels, LoggerStartup,
     ::testing::Values(NodeSetting{"word", "LOG_LEVEL warning", -1, LOG_WARNING},
-                      NodeSetting{"err", "LOG_LEVEL err", -1, LOG_ERR},
                       NodeSetting{"error", "LOG_LEVEL = error", -1, LOG_ERR},
                       NodeSetting{"digit", "LOG_LEVEL 6", -1, LOG_INFO},
                       NodeSetting{"debug", "LOG_LEVEL debug", -1, LOG_DEBUG},
@@ -352,59 +302,43 @@ INSTANTIATE_TEST_SUITE_P(
                       NodeSetting{"unknown", "LOG_LEVEL loud", -1, LOG_NOTICE,
                                   "Unknown LOG_LEVEL [loud] in <" QX_LOCAL_CONF ">"},
                       NodeSetting{"range", "LOG_LEVEL 9", -1, LOG_NOTICE, "LOG_LEVEL [9]"},
-                      NodeSetting{"quote", "LOG_LEVEL \"err", -1, LOG_NOTICE,
-                                  "sets LOG_LEVEL with an unterminated quote; ignored."},
                       NodeSetting{"pinned", "LOG_LEVEL err", LOG_INFO, LOG_INFO}),
     [](const auto &info) { return string(info.param.name); });
 
 // The outcome, not the clock: data that comes while the reader may still wait is read, data
-// that comes after its timeout is not.
+// that comes after its timeout is not. A row: when the writer writes (-1: it closes at once),
+// the timeout, the result.
 TEST(NbRead, WaitsForDataUntilItsTimeoutAndNoLonger) {
-    struct Row {
-        int write_after_ms;  // -1: nothing is written; -2: the writer closes at once
-        float timeout;
-        ssize_t result;
-    } rows[] = {{300, 5.0f, 3},   {0, 5.0f, 3},    {-2, 5.0f, 0},   {-1, 0.2f, -1},
-                {500, 0.05f, -1}, {500, 0.0f, -1}, {500, -1.0f, -1}};
-    for (const auto &r : rows) {
+    for (auto [write_after_ms, timeout, result] : {std::tuple{300, 5.0f, 3},
+                                                   {-1, 5.0f, 0},
+                                                   {500, 0.05f, -1},
+                                                   {500, 0.0f, -1},
+                                                   {500, -1.0f, -1}}) {
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
         qx::UniqueFd rd(ends[0]), wr(ends[1]);
-        if (r.write_after_ms == -2) wr.reset();
-        std::thread writer([&] {
-            if (r.write_after_ms < 0) return;
-            std::this_thread::sleep_for(std::chrono::milliseconds(r.write_after_ms));
-            EXPECT_EQ(write(wr.get(), "abc", 3), 3);
+        if (write_after_ms < 0) wr.reset();
+        std::thread writer([&, ms = write_after_ms] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+            EXPECT_EQ(ms < 0 ? 3 : write(wr.get(), "abc", 3), 3);
         });
         char buf[16];
         errno = 0;
-        EXPECT_EQ(fr_read_nb(rd.get(), buf, sizeof buf, r.timeout), r.result)
-            << "after " << r.write_after_ms << " ms, timeout " << r.timeout;
-        if (r.result < 0) {
-            EXPECT_EQ(errno, ETIMEDOUT);
-        }
+        EXPECT_EQ(fr_read_nb(rd.get(), buf, sizeof buf, timeout), result)
+            << "after " << write_after_ms << " ms, timeout " << timeout;
+        EXPECT_EQ(errno, result < 0 ? ETIMEDOUT : 0);
         writer.join();
     }
 }
 
-TEST(NbWrite, ConnectsAndGivesUpOnAPeerThatStopsReading) {
-    TempDir tmp;
-    const string path = tmp / "console.sock";
-    qx::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strcpy(addr.sun_path, path.c_str());
-    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(listener.get(), 4), 0);
-    qx::UniqueFd client(fr_connect_nb_unix(path.c_str(), 1.0f));
-    ASSERT_TRUE(client);
-    qx::UniqueFd server(accept(listener.get(), nullptr, nullptr));
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    qx::UniqueFd pipe_rd(ends[0]), pipe_wr(ends[1]);
-
+// Connecting to a listening console is covered by the console tests.
+TEST(NbWrite, GivesUpOnAPeerThatStopsReading) {
+    int sp[2], pp[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sp), 0);
+    ASSERT_EQ(pipe(pp), 0);
     const string big(4 << 20, 'x');
-    for (auto [wr, rd] : {std::pair{client.get(), server.get()}, {pipe_wr.get(), pipe_rd.get()}}) {
+    for (auto [wr, rd] : {std::pair{sp[0], sp[1]}, {pp[1], pp[0]}}) {
+        qx::UniqueFd w(wr), r(rd);
         ASSERT_EQ(fr_write_nb_full(wr, "cmd", 4, 1.0f), 4);
         char buf[8] = {};
         EXPECT_EQ(fr_read_nb(rd, buf, sizeof buf, 1.0f), 4);
@@ -413,6 +347,7 @@ TEST(NbWrite, ConnectsAndGivesUpOnAPeerThatStopsReading) {
         EXPECT_EQ(fr_write_nb_full(wr, big.data(), big.size(), 0.2f), -1);
         EXPECT_EQ(errno, ETIMEDOUT);
     }
+    TempDir tmp;
     for (auto [where, err] :
          {std::pair{tmp / "absent.sock", ENOENT}, {string(200, 'p'), ENAMETOOLONG}}) {
         EXPECT_EQ(fr_connect_nb_unix(where.c_str(), 0.5f), -1);
@@ -420,25 +355,21 @@ TEST(NbWrite, ConnectsAndGivesUpOnAPeerThatStopsReading) {
     }
 }
 
+// Reaping and draining a longer output are covered through rasterisk by the console tests.
 TEST(Spawn, RunsTheProgramWithoutAShellAndPipesItsOutput) {
-    char *argv[] = {const_cast<char *>("/bin/echo"), const_cast<char *>("a  b"),
-                    const_cast<char *>("$HOME;*"), nullptr};
+    char *argv[] = {const_cast<char *>("/bin/echo"), const_cast<char *>("a  b $HOME;*"), nullptr};
     int out = -1;
-    pid_t pid = fr_spawn_async_piped("/bin/echo", argv, &out);
+    const pid_t pid = fr_spawn_async_piped("/bin/echo", argv, &out);
     ASSERT_GT(pid, 0);
     qx::UniqueFd rd(out);
     EXPECT_TRUE(fcntl(out, F_GETFD) & FD_CLOEXEC);
-    string got;
-    char buf[4];
-    ssize_t n;
-    // Reaching end of file proves the parent kept no copy of the pipe's write side.
-    while ((n = fr_read_nb(out, buf, sizeof buf, 5.0f)) > 0)
-        got.append(buf, n);
-    EXPECT_EQ(n, 0);
-    EXPECT_EQ(got, "a  b $HOME;*\n");
+    char buf[32] = {};
+    EXPECT_EQ(fr_read_nb(out, buf, sizeof buf, 5.0f), 13);
+    EXPECT_EQ(fr_read_nb(out, buf + 13, 8, 5.0f), 0) << "the parent kept the write side";
+    EXPECT_STREQ(buf, "a  b $HOME;*\n");
     int status = -1;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(status, 0);
     EXPECT_EQ(fr_spawn_async_piped("/nonexistent/prog", argv, &out), -1);
 }
 
