@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstring>
 #include <ctime>
-#include <sstream>
 #include <tuple>
 #include <vector>
 
@@ -30,23 +29,20 @@ List take_list(char **list) {
 // Split and join are each other's inverse except for the trailing empty piece split drops.
 TEST(ZarnString, SplitKeepsInnerEmptyPiecesButNoTrailingOneAndJoinPutsThemBack) {
     using V = std::vector<string>;
-    const struct {
-        const char *str, *sep;
-        List want;
-        Opt joined;
-    } rows[] = {{"a,,b,", ",", V{"a", "", "b"}, "a,,b"},
-                {",a", ",", V{"", "a"}, ",a"},
-                {"", ",", V{}, no},
-                {"a::b::", "::", V{"a", "b"}, "a::b"},
-                {"abc", "", no, no},
-                {nullptr, ",", no, no}};
-    for (const auto &r : rows) {
-        EXPECT_EQ(take_list(zarn_str_split(r.str, r.sep)), r.want) << (r.str ? r.str : "null");
-        if (std::strlen(r.sep) == 1) {
-            EXPECT_EQ(take_list(zarn_str_split_char(r.str, *r.sep)), r.want);
+    const std::tuple<const char *, const char *, List, Opt> rows[] = {
+        {"a,,b,", ",", V{"a", "", "b"}, "a,,b"},
+        {",a", ",", V{"", "a"}, ",a"},
+        {"", ",", V{}, no},
+        {"a::b::", "::", V{"a", "b"}, "a::b"},
+        {"abc", "", no, no},
+        {nullptr, ",", no, no}};
+    for (const auto &[str, sep, want, joined] : rows) {
+        EXPECT_EQ(take_list(zarn_str_split(str, sep)), want) << (str ? str : "null");
+        if (std::strlen(sep) == 1) {
+            EXPECT_EQ(take_list(zarn_str_split_char(str, *sep)), want);
         }
-        char **list = zarn_str_split(r.str, r.sep);
-        EXPECT_EQ(take(zarn_str_join(list, r.sep)), r.joined);
+        char **list = zarn_str_split(str, sep);
+        EXPECT_EQ(take(zarn_str_join(list, sep)), joined);
         zarn_str_freelist(list);
     }
     EXPECT_EQ(take_list(zarn_str_split_char("abc", '\0')), std::nullopt);
@@ -104,8 +100,6 @@ TEST(ZarnString, CaseConversionTouchesOnlyAsciiLetters) {
     EXPECT_EQ(zarn_str_convert(nullptr, ZARN_CASE_UPPER), -1);
     EXPECT_EQ(take(zarn_str_toupper("aZ9 \xc3\xa9")), "AZ9 \xc3\xa9");
     EXPECT_EQ(take(zarn_str_tolower("Az9 \xc3\x89")), "az9 \xc3\x89");
-    EXPECT_EQ(zarn_str_toupper(nullptr), nullptr);
-    EXPECT_EQ(zarn_str_tolower(nullptr), nullptr);
 }
 
 TEST(ZarnString, PadIdKeepsTheLowestDigits) {
@@ -142,71 +136,34 @@ TEST(ZarnString, SleepWaitsTheWholeFractionAndRefusesNonsense) {
     }
 }
 
-string base64_decode(const string &in) {
-    static const string abc = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    string out;
-    unsigned bits = 0, acc = 0;
-    for (size_t i = 0; i < in.size() && in[i] != '='; ++i) {
-        acc = (acc << 6) | static_cast<unsigned>(abc.find(in[i]));
-        if ((bits += 6) >= 8) out += static_cast<char>((acc >> (bits -= 8)) & 0xff);
-    }
-    return out;
-}
-
-bool whole_utf8(const string &s) {
-    size_t i = 0;
-    while (i < s.size())
-        i += zarn_utf8_get_char_length(static_cast<unsigned char>(s[i]));
-    return i == s.size() && (s.empty() || (static_cast<unsigned char>(s[0]) & 0xc0) != 0x80);
-}
-
-TEST(ZarnString, MailHeaderFoldsIntoWordsThatDecodeBack) {
+// Encoded words of at most 76 bytes: every word but the last fills its line's budget, and none
+// splits a character. Room for the address is measured on the whole buffer.
+TEST(ZarnString, MailHeaderFoldsIntoEncodedWords) {
     string ascii, mixed;
-    for (int i = 0; i < 200; ++i)
+    for (int i = 0; i < 110; ++i)
         ascii += static_cast<char>('a' + i % 26);
-    for (int i = 0; i < 40; ++i)
+    for (int i = 0; i < 6; ++i)
         mixed += "x\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80";
-    const string far(100, 'q');  // fits no line
-    // The names give first lines whose room is not a multiple of four.
-    const std::tuple<const char *, string, const char *> rows[] = {
-        {"Subject", ascii, nullptr},     {"Subject", mixed, "ops@example.org"},
-        {"Subject", ascii, far.c_str()}, {"Subject", "", far.c_str()},
-        {"X-Tag", ascii, nullptr},       {"Subj", ascii, nullptr}};
-    for (const auto &[name, text, address] : rows) {
-        SCOPED_TRACE(name + (": " + text.substr(0, 8)) + (address ? address : ""));
-        const Opt got = take(zarn_base64_encode_email_header(name, "UTF-8", text.c_str(), address));
-        ASSERT_TRUE(got);
-        std::istringstream lines(*got);
-        string line, decoded, seen_address;
-        for (int n = 0; std::getline(lines, line); ++n) {
-            ASSERT_EQ(line.rfind(n ? string(" ") : name + string(": "), 0), 0u) << line;
-            const size_t at = line.find("=?UTF-8?B?");
-            if (at == string::npos) {
-                seen_address = line.substr(line.find('<') + 1);
-                seen_address.pop_back();
-                continue;
-            }
-            ASSERT_EQ(line.substr(line.size() - 2), "?=");
-            EXPECT_LE(line.size(), 78u);
-            const string raw = base64_decode(line.substr(at + 10, line.size() - at - 12));
-            EXPECT_LE(raw.size(), 57u);
-            // Plain text fills every word but the last to the whole budget of its line.
-            if (text == ascii && lines.peek() == ' ' && !address) {
-                EXPECT_EQ(raw.size(), (76 - at - 10) / 4 * 3) << line;
-            }
-            EXPECT_TRUE(whole_utf8(raw)) << "character split: " << line;
-            decoded += raw;
-        }
-        EXPECT_EQ(decoded, text);
-        EXPECT_EQ(seen_address, address ? address : "");
-    }
-    // The room left for an address is measured on the whole buffer, the encoded line included.
-    for (auto [name, text, address, want] :
-         {std::tuple{"To", "", string("a@b.c"), string("To:  <a@b.c>\n")},
-          {"Subject", "Hi", "a@b.c", "Subject: =?UTF-8?B?SGk=?=\n <a@b.c>\n"},
-          {"Subject", "Hi", string(48, 'a'),
-           "Subject: =?UTF-8?B?SGk=?=\n  <" + string(48, 'a') + ">\n"}})
-        EXPECT_EQ(take(zarn_base64_encode_email_header(name, "UTF-8", text, address.c_str())),
+    const string far(100, 'q'), w = "=?UTF-8?B?";
+    const std::tuple<const char *, string, string, string> rows[] = {
+        {"Subj", ascii, "",
+         "Subj: " + w + "YWJjZGVmZ2hpamtsbW5vcHFyc3R1dnd4eXphYmNkZWZnaGlqa2xtbm9wcXJz?=\n " + w +
+             "dHV2d3h5emFiY2RlZmdoaWprbG1ub3BxcnN0dXZ3eHl6YWJjZGVmZ2hpamtsbW5v?=\n " + w +
+             "cHFyc3R1dnd4eXphYmNkZWY=?=\n"},
+        {"Subject", mixed, "ops@example.org",
+         "Subject: " + w + "eMOp4oKs8J+YgHjDqeKCrPCfmIB4w6nigqzwn5iAeMOp4oKs8J+YgHg=?=\n " + w +
+             "w6nigqzwn5iAeMOp4oKs8J+YgA==?=\n <ops@example.org>\n"},
+        {"Subject", ascii.substr(0, 60), far,
+         "Subject: " + w + "YWJjZGVmZ2hpamtsbW5vcHFyc3R1dnd4eXphYmNkZWZnaGlqa2xtbm9w?=\n " + w +
+             "cXJzdHV2d3h5emFiY2RlZmdo?=\n  <" + far + ">\n"},
+        {"Subject", "", far, "Subject:   <" + far + ">\n"},
+        {"To", "", "a@b.c", "To:  <a@b.c>\n"},
+        {"Subject", "Hi", "a@b.c", "Subject: " + w + "SGk=?=\n <a@b.c>\n"},
+        {"Subject", "Hi", string(48, 'a'),
+         "Subject: " + w + "SGk=?=\n  <" + string(48, 'a') + ">\n"}};
+    for (const auto &[name, text, address, want] : rows)
+        EXPECT_EQ(take(zarn_base64_encode_email_header(
+                      name, "UTF-8", text.c_str(), address.empty() ? nullptr : address.c_str())),
                   want);
 }
 
