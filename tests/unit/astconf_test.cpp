@@ -1,16 +1,8 @@
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <tuple>
-#include <vector>
 
 #include "unit.hpp"
 #include "utils.h"
 
-namespace {
-
-using namespace unit;
-using std::string;
 const char *keys[] = {"astspooldir", "astlibdir", "a=b", nullptr};
 using Values = std::vector<Opt>;
 
@@ -121,5 +113,3 @@ TEST(Astconf, LineLayoutHelpers) {
     EXPECT_EQ(get_inline_comment("value ;note", dst, 4, ";"), dst);
     EXPECT_EQ(string(dst, sizeof dst), " ;noZZZZ");  // like strncpy: no terminator
 }
-
-}  // namespace

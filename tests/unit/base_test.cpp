@@ -1,26 +1,10 @@
 // Base library: strings, counted strings, config reader, hash table, logger, descriptor I/O.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cstring>
 #include <sstream>
-#include <thread>
-#include <tuple>
-#include <vector>
 
 #include "cxx_util.hpp"
-#include "qx_paths.h"
 #include "unit.hpp"
-
-namespace {
-
-using namespace unit;
-using std::string;
 
 TEST(Trim, StripsIsspaceBytesFromTheRequestedEndsInPlace) {
     // Bytes above 127 are not blanks.
@@ -372,5 +356,3 @@ TEST(Spawn, RunsTheProgramWithoutAShellAndPipesItsOutput) {
     EXPECT_EQ(status, 0);
     EXPECT_EQ(fr_spawn_async_piped("/nonexistent/prog", argv, &out), -1);
 }
-
-}  // namespace

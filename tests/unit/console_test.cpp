@@ -1,24 +1,9 @@
 // Asterisk console and file helpers: a fake console on a unix socket, a stand-in Asterisk
 // executable, and the file-name and path checks.
-#include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <thread>
-#include <tuple>
-#include <vector>
 
 #include "unit.hpp"
 #include "utils.h"
-
-namespace {
-
-using namespace unit;
-using std::string;
 
 // One-connection console: sends a greeting, reads the command up to its NUL, sends output in
 // the given pieces (with a pause between them), then waits for the client to hang up. Without
@@ -225,5 +210,3 @@ TEST(Console, FreeingAccountEntriesReleasesEveryField) {
     free_pw_nam(nullptr);
     free_gr_nam(nullptr);
 }
-
-}  // namespace

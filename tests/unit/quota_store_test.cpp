@@ -1,29 +1,13 @@
 // Quota store, disk measurement and the fast update on real files in a scratch directory; no
 // database is involved. Refreshes through the database are the integration tests' part.
-#include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
 #include <sys/file.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <climits>
-#include <cstring>
 #include <ctime>
-#include <tuple>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "quota.h"
-#include "qx_paths.h"
 #include "unit.hpp"
-
-namespace {
-
-using namespace unit;
-using std::string;
 
 // Files are handed to asterisk:asterisk; without that account the engine refuses to create any.
 bool have_asterisk() {
@@ -222,15 +206,11 @@ TEST(QuotaFastUpdate, AppliesDeltaOrMarksFileDirty) {
 // (taken or given up), never by the clock.
 int pauses = -1, release_at = 0, holder = -1;
 
-}  // namespace
-
 extern "C" int nanosleep(const timespec *req, timespec *rem) {
     if (pauses >= 0 && ++pauses == release_at) ::flock(holder, LOCK_UN);
     const int err = ::clock_nanosleep(CLOCK_MONOTONIC, 0, req, rem);
     return err ? (errno = err, -1) : 0;
 }
-
-namespace {
 
 // Freed in the last pause followed by an attempt, the lock is taken; freed in the pause it
 // gives up after, it is not.
@@ -256,5 +236,3 @@ TEST(QuotaFastUpdate, GivesUpALockHeldElsewhereAfterWaitOver10PlusOnePauses) {
         dir.write("sound.quota", "100.2");
     }
 }
-
-}  // namespace

@@ -1,16 +1,8 @@
-#include <gtest/gtest.h>
 
-#include <cerrno>
 #include <functional>
-#include <vector>
 
 #include "unit.hpp"
 #include "zarn_config_parser.h"
-
-namespace {
-
-using namespace unit;
-using std::string;
 
 using Log = qxtest::LogCapture;
 
@@ -165,5 +157,3 @@ TEST(ConfParser, EarlyReturnsLeaveADebugTrace) {
     }
     EXPECT_EQ(out, nullptr);
 }
-
-}  // namespace

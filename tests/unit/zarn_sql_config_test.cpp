@@ -1,16 +1,10 @@
 // Shard descriptions and server lists of the SQL pool, without a database.
 #include <cstdio>
-#include <tuple>
-#include <vector>
 
 #include "unit.hpp"
 #include "zarn_sql.h"
 #include "zarn_sql_config.hpp"
 
-namespace {
-
-using namespace unit;
-using std::string;
 using Fields = std::vector<string>;  // empty: rejected
 
 TEST(SqlShardInfo, SplitsAtTheOuterColons) {
@@ -132,5 +126,3 @@ TEST_F(SqlServerList, ProblemsAreLoggedAndNoSessionIsInvented) {
     ASSERT_EQ(0, fr_sqlpool_init_api(nullptr, nullptr, 60.0));
     EXPECT_EQ(30, fr_sqlpool_down_time_get());  // a reset restores the default
 }
-
-}  // namespace

@@ -1,20 +1,10 @@
-#include <gtest/gtest.h>
 
-#include <cerrno>
 #include <cmath>
-#include <cstring>
 #include <ctime>
-#include <tuple>
-#include <vector>
 
-#include "qx_paths.h"
 #include "unit.hpp"
 #include "zarn_string.h"
 
-namespace {
-
-using namespace unit;
-using std::string;
 using List = std::optional<std::vector<string>>;
 
 List take_list(char **list) {
@@ -181,5 +171,3 @@ TEST(ZarnString, NodeIdIsTheFirstLineWithoutTrailingBlanks) {
     fs::remove(file);
     if (saved) std::ofstream(file) << *saved;
 }
-
-}  // namespace
