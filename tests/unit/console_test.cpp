@@ -5,43 +5,35 @@
 #include "unit.hpp"
 #include "utils.h"
 
-// One-connection console: sends a greeting, reads the command up to its NUL, sends output in
-// the given pieces (with a pause between them), then waits for the client to hang up. Without
-// a greeting it hangs up at once.
-class FakeConsole {
-  public:
-    FakeConsole(const string &sock, string greeting, std::vector<string> output) {
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
+// One-connection console: sends the greeting, reads the command up to its NUL, sends the output
+// pieces 50 ms apart and waits for the client to hang up. Without a greeting it hangs up at once.
+struct FakeConsole {
+    int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    string received;  // complete once the thread has ended
+    std::thread thread;
+    FakeConsole(const string &sock, const string &greeting, const std::vector<string> &output) {
+        sockaddr_un addr{AF_UNIX, {}};
         std::strncpy(addr.sun_path, sock.c_str(), sizeof addr.sun_path - 1);
-        EXPECT_EQ(bind(listener_, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        EXPECT_EQ(listen(listener_, 1), 0);
-        thread_ = std::thread([this, greeting, output] {
-            int c = accept(listener_, nullptr, nullptr);
-            char ch;
-            if (!greeting.empty()) send(c, greeting.data(), greeting.size(), MSG_NOSIGNAL);
-            while (!greeting.empty() && recv(c, &ch, 1, 0) == 1 && (received_ += ch, ch)) {
-            }
-            for (const auto &piece : output) {
-                send(c, piece.data(), piece.size(), MSG_NOSIGNAL);
-                std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            }
-            while (!greeting.empty() && recv(c, &ch, 1, 0) > 0) {
+        EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
+        EXPECT_EQ(listen(listener, 1), 0);
+        thread = std::thread([this, greeting, output] {
+            const int c = accept(listener, nullptr, nullptr);
+            char ch = 1;
+            if (!greeting.empty()) {
+                send(c, greeting.data(), greeting.size(), MSG_NOSIGNAL);
+                while (ch && recv(c, &ch, 1, 0) == 1)
+                    received += ch;
+                for (const auto &piece : output) {
+                    send(c, piece.data(), piece.size(), MSG_NOSIGNAL);
+                    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                }
+                while (recv(c, &ch, 1, 0) > 0)
+                    continue;
             }
             close(c);
         });
     }
-    ~FakeConsole() { received(), close(listener_); }
-    // The bytes the client sent; valid once the client has closed its end.
-    string received() {
-        if (thread_.joinable()) thread_.join();
-        return received_;
-    }
-
-  private:
-    int listener_ = socket(AF_UNIX, SOCK_STREAM, 0);
-    std::thread thread_;
-    string received_;
+    ~FakeConsole() { thread.joinable() ? thread.join() : void(), close(listener); }
 };
 
 // A row: the console's output pieces, whether the command waits for them, what reaches
@@ -68,7 +60,8 @@ TEST(Console, RunsCommandsOnTheConsoleSocket) {
         EXPECT_EQ(testing::internal::GetCapturedStdout(), want);
         EXPECT_EQ(ast_runcmd(fd, nullptr, 0), -1);
         close(fd);
-        EXPECT_EQ(console.received(), rc ? "" : string("core show channels", 19));  // with NUL
+        console.thread.join();
+        EXPECT_EQ(console.received, rc ? "" : string("core show channels", 19));  // with NUL
     }
     EXPECT_LT(ast_connect("/nonexistent/asterisk.ctl"), 0);
     EXPECT_LT(ast_connect(nullptr), 0);
