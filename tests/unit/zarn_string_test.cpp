@@ -91,20 +91,6 @@ TEST(ZarnString, CaseConversionTouchesOnlyAsciiLetters) {
     EXPECT_EQ(take(zarn_str_tolower("Az9 \xc3\x89")), "az9 \xc3\x89");
 }
 
-TEST(ZarnString, AppendGrowsAndAcceptsItsOwnText) {
-    char *s = nullptr;
-    string want;
-    for (int i = 0; i < 300; ++i) {
-        ASSERT_EQ(zarn_str_append(&s, "/%d", i), s);
-        want += "/" + std::to_string(i);
-    }
-    ASSERT_NE(zarn_str_append(&s, "%s", s), nullptr);  // long text from the string itself
-    EXPECT_EQ(take(s), want + want);
-    s = strdup("ab");
-    ASSERT_NE(zarn_str_append(&s, "%.1s", s), nullptr);
-    EXPECT_EQ(take(s), "aba");
-}
-
 // Sleeps are judged by the clock the module itself offers, which must agree with the system's.
 TEST(ZarnString, SleepWaitsTheWholeFractionAndRefusesNonsense) {
     EXPECT_NEAR(qx_get_tstamp(), static_cast<double>(std::time(nullptr)), 1.0);
