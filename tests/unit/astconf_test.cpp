@@ -6,8 +6,7 @@
 const char *keys[] = {"astspooldir", "astlibdir", "a=b", nullptr};
 using Values = std::vector<Opt>;
 
-// Reads content with the section reader (section given) or the plain reader (no section) and
-// returns the three values; the errors logged go to *errors.
+// The three values read by the section reader (section given) or the plain one; errors to *errors.
 Values read(const string &content, std::optional<const char *> section, string *errors) {
     qxtest::LogCapture log;
     TempDir dir;
@@ -27,10 +26,9 @@ Values read(const string &content, std::optional<const char *> section, string *
     return out;
 }
 
-// A row: the file, the reader (a section name or null for the section reader, plain for the
-// plain reader), the three values, and a fragment of the errors logged ("" when none may be).
-// The plain reader takes arrows only in lines of at most 1023 bytes; the tail of a longer line
-// is never read as a line of its own.
+// A row: the file, the reader (section name or null: section reader; plain), the three values, a
+// fragment of the errors logged ("" when none may be). The plain reader takes arrows only in
+// lines of at most 1023 bytes; the tail of a longer line is never read as a line of its own.
 TEST(Astconf, ReadersLineRules) {
     const std::optional<const char *> dirs = "directories", whole = nullptr, plain;
     const string too_long = "> is longer than 1023 bytes; ignored: ";

@@ -67,7 +67,6 @@ TEST(Console, RunsCommandsOnTheConsoleSocket) {
     EXPECT_EQ(ast_runcmd(0, "x", 0), -1);
 }
 
-// Reading across pieces of a line is a row of the command table.
 TEST(Console, ReadCharStopsAtALineAndFailsOnHangUp) {
     int sv[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
@@ -86,18 +85,16 @@ TEST(Console, ReadCharStopsAtALineAndFailsOnHangUp) {
 TEST(Console, RasteriskRunsTheBinaryAndDrainsItsOutput) {
     TempDir dir;
     // More output than a pipe holds: the helper must keep reading for the script to end.
-    const string script = dir.write(
-        "asterisk", "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + dir / "args" +
-                        "'\ni=0; while [ $i -lt 3000 ]; do echo 'line of console output ......'; "
-                        "i=$((i+1)); done\ntouch '" +
-                        dir / "done" + "'\n");
+    const string script =
+        dir.write("asterisk", "#!/bin/sh\ncd '" + dir.dir.string() +
+                                  "' && printf '%s\\n' \"$@\" > args\n"
+                                  "seq 3000 | sed 's/$/ line of console output/'\n"
+                                  "touch done\n");
     fs::permissions(script, fs::perms::owner_all);
     EXPECT_EQ(rasterisk(script.c_str(), "core show channels verbose"), 0);
     EXPECT_EQ(read(dir / "args"), "-rx\ncore show channels verbose\n");
     EXPECT_TRUE(fs::exists(dir / "done"));
-    errno = 0;
-    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1) << "the child was not reaped";
-    EXPECT_EQ(errno, ECHILD);
+    EXPECT_EQ((std::pair<int, int>{waitpid(-1, nullptr, WNOHANG), errno}), std::pair(-1, ECHILD));
     EXPECT_EQ(rasterisk(script.c_str(), nullptr), -1);
     EXPECT_EQ(rasterisk((dir / "missing").c_str(), "core show version"), -1);
 }

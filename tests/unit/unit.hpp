@@ -1,5 +1,4 @@
-// Shared by the unit tests, each its own program: the headers they use, a scratch directory and
-// owners of what the C API hands out.
+// Shared by the unit test programs: headers, a scratch directory, owners of what the C API gives.
 #pragma once
 
 #include <fcntl.h>
@@ -44,7 +43,6 @@ struct TempDir {
         fs::remove_all(dir, ec);
     }
     string operator/(const string &name) const { return (dir / name).string(); }
-    // Writes the file (and its directories); returns its path.
     string write(const string &name, const string &content) const {
         fs::create_directories((dir / name).parent_path());
         std::ofstream(dir / name, std::ios::binary | std::ios::trunc) << content;

@@ -75,13 +75,13 @@ TEST_F(SqlServerList, EveryConsideredShardNeedsAMaster) {
         {{"main"}, string(260, 'x') + " " + m1, nullptr, 1, -1},  // its tail is no line
         {{"main"}, "DB_MASTER main:h:1 #" + string(300, 'c') + "\n", nullptr, 1, 0}};
     for (const auto &[shards, servers, shard, required, status] : rows) {
-        SCOPED_TRACE(servers.substr(0, 40));
         ASSERT_EQ(0, fr_sqlpool_init_api(nullptr, nullptr, 60.0));
         for (const char *name : shards)
             ASSERT_EQ(0, fr_sqlpool_shard_add(
                              fr_sql_shard_parse_info((string(name) + ":u:p:db").c_str())));
         dir_.write("servers.conf", servers);
-        EXPECT_EQ(status, fr_sql_shard_parse_connection_info(path_.c_str(), shard, required));
+        EXPECT_EQ(status, fr_sql_shard_parse_connection_info(path_.c_str(), shard, required))
+            << servers.substr(0, 40);
     }
 }
 
