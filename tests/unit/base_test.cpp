@@ -169,6 +169,7 @@ TEST(Logger, SinkReceivesOneLineAtATime) {
         [](const char *, int, const char *, int, int, const char *, void *ctx) {
             auto *o = static_cast<std::pair<std::atomic<int>, int> *>(ctx);
             EXPECT_EQ(++o->first, 1) << "two lines at once";
+            std::this_thread::yield();  // widens the window another thread would use
             ++o->second;
             --o->first;
         },
