@@ -1,34 +1,27 @@
 // Asterisk configuration files: both readers over the same bytes, and the line helpers.
-#include <cstring>
-#include <string>
 #include <vector>
 
 #include "fuzz_support.hpp"
 #include "utils.h"
 
-namespace {
-
-const char *keys[] = {"astspooldir", "astlibdir", "a=b", nullptr};
-
 // Values are non-empty text of the file, trimmed, that never crosses a line.
-void check_values(safestr_t **values, const std::string &content, size_t max_len) {
+static void check_values(safestr_t **values, const std::string &content, size_t max_len) {
     for (int i = 0; i < 3; ++i) {
-        if (!values[i]) continue;
-        const std::string v(safestr_cstr(values[i]), safestr_length(values[i]));
-        FUZZ_CHECK(!v.empty() && v.size() <= max_len && fuzz::from_file(v, content));
+        const std::string v =
+            values[i] ? std::string(safestr_cstr(values[i]), safestr_length(values[i])) : "";
+        FUZZ_CHECK(!values[i] ||
+                   (!v.empty() && v.size() <= max_len && fuzz::from_file(v, content)));
         safestr_free(values[i]);
     }
 }
 
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    static const char *keys[] = {"astspooldir", "astlibdir", "a=b", nullptr};
     fuzz::quiet_log();
     fuzz::Input in(data, size);
     const uint8_t dst_len = in.byte();
-    const std::string section = in.str(16), content = in.rest();
+    const std::string section = in.str(16), content = in.str();
     const std::string path = fuzz::scratch_file("asterisk.conf", content);
-
     for (const char *s : {section.c_str(), static_cast<const char *>(nullptr)}) {
         safestr_t *values[3] = {};
         FUZZ_CHECK(get_astconf_section_values(path.c_str(), s, keys, values) == 0);
@@ -41,18 +34,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     // The helpers on the text up to its first NUL; dst is exactly dst_len bytes so that ASan
     // sees any write past it.
     const char *line = content.c_str();
-    const int ignorable = is_ignorable(line, '#', in.byte());
-    FUZZ_CHECK(ignorable == 0 || ignorable == 1);
+    FUZZ_CHECK(is_ignorable(line, '#', in.byte()) >> 1 == 0);
     std::vector<char> dst(dst_len ? dst_len : 1);
     const char *pad = get_start_padding(line, dst.data(), dst_len, nullptr);
-    if (dst_len) {
-        const size_t n = std::strlen(pad);
-        FUZZ_CHECK(n < dst_len && std::strspn(line, " \t") >= n && !std::strncmp(pad, line, n));
-    }
+    const size_t n = dst_len ? std::strlen(pad) : 0;
+    FUZZ_CHECK(!dst_len ||
+               (n < dst_len && std::strspn(line, " \t") >= n && !std::strncmp(pad, line, n)));
     const char *comment = get_inline_comment(line, nullptr, 0, ";");
-    FUZZ_CHECK(!*comment ||
-               (comment >= line && comment + std::strlen(comment) == line + std::strlen(line) &&
-                std::strchr(comment, ';')));
+    FUZZ_CHECK(!*comment || (comment >= line && std::strchr(comment, ';') &&
+                             comment + std::strlen(comment) == line + std::strlen(line)));
     get_inline_comment(line, dst.data(), dst_len, ";");
     return 0;
 }

@@ -5,8 +5,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     fuzz::quiet_log();
     fuzz::Input in(data, size);
-    const std::string keyword = in.str(20);
-    const std::string a = in.str(1000), b = in.rest();
+    const std::string keyword = in.str(20), a = in.str(1000), b = in.str();
     const std::string pa = fuzz::scratch_file("a.conf", a), pb = fuzz::scratch_file("b.conf", b);
     const char *kw = keyword.empty() ? "KEY" : keyword.c_str();
 
@@ -15,11 +14,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string value = fuzz::take(out);
     FUZZ_CHECK(fuzz::from_file(value, a) && value.size() < 8192);
 
+    // Fields are cut out of the trimmed value and keep their own blanks.
     char *f[3] = {};
     const int cred = qx_conf_parse_db_cred(nullptr, pa.c_str(), "a", &f[0], &f[1], &f[2]);
     for (char *field : f) {
         FUZZ_CHECK((cred == 0) == (field != nullptr));
-        // Fields are cut out of the trimmed value and keep their own blanks.
         FUZZ_CHECK(!field || (fuzz::contains(a, field) && !std::strchr(field, ':')));
         std::free(field);
     }
@@ -37,7 +36,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     // Reading twice gives the same table: every call starts from an empty one.
     qx_conf_directive table[] = {{kw, 0, nullptr}, {"DB", 0, nullptr}, {nullptr, 0, nullptr}};
-    const std::string missing = fuzz::scratch() + "/missing.conf";
+    const std::string missing = pa + ".missing";
     const char *files[] = {pa.c_str(), missing.c_str(), pb.c_str(), nullptr};
     int counts[2] = {};
     for (int call = 0; call < 2; ++call) {

@@ -1,30 +1,25 @@
-// Helpers shared by the libFuzzer targets: a reader over the fuzz input, a private scratch
-// directory, a quiet logger that counts error lines, and property checks that abort so that
-// libFuzzer keeps the input.
+// Shared by the fuzz targets; a failed property aborts, so that libFuzzer keeps the input.
 #pragma once
 
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <string_view>
 
 #include "zarn_base.h"
 
-#define FUZZ_CHECK(cond)                                                                      \
-    do {                                                                                      \
-        if (!(cond)) {                                                                        \
-            std::fprintf(stderr, "property failed: %s (%s:%d)\n", #cond, __FILE__, __LINE__); \
-            std::abort();                                                                     \
-        }                                                                                     \
-    } while (0)
+#define FUZZ_CHECK(cond)                                                                         \
+    ((cond) ? void()                                                                             \
+            : (std::fprintf(stderr, "property failed: %s (%s:%d)\n", #cond, __FILE__, __LINE__), \
+               std::abort()))
 
 namespace fuzz {
 
@@ -39,17 +34,12 @@ class Input {
             v = (v << 8) | byte();
         return static_cast<int64_t>(v);
     }
-    // A string of up to max bytes, its length taken from the next byte.
-    std::string str(size_t max = 255) {
-        size_t len = byte() % (max + 1);
+    // A string of up to max bytes, its length taken from the next byte; max 0: all the rest.
+    std::string str(size_t max = 0) {
+        size_t len = max ? byte() % (max + 1) : n_;
         len = len < n_ ? len : n_;
         std::string s(p_, len);
         p_ += len, n_ -= len;
-        return s;
-    }
-    std::string rest() {
-        std::string s(p_, n_);
-        p_ += n_, n_ = 0;
         return s;
     }
 
@@ -58,22 +48,15 @@ class Input {
     size_t n_;
 };
 
-// A directory of this process, made once; files in it are overwritten on every run.
-inline const std::string &scratch() {
+// A file of this process's own directory, overwritten on every run; returns its path.
+inline std::string scratch_file(const std::string &name, std::string_view content) {
     static const std::string dir = [] {
         char tmpl[] = "/tmp/qxfuzz.XXXXXX";
         return std::string(mkdtemp(tmpl) ? tmpl : "/tmp");
     }();
-    return dir;
-}
-
-inline std::string write_file(const std::string &path, std::string_view content) {
+    const std::string path = name.front() == '/' ? name : dir + "/" + name;
     std::ofstream(path, std::ios::binary | std::ios::trunc).write(content.data(), content.size());
     return path;
-}
-
-inline std::string scratch_file(const std::string &name, std::string_view content) {
-    return write_file(scratch() + "/" + name, content);
 }
 
 inline std::string read_file(const std::string &path) {
@@ -84,23 +67,17 @@ inline std::string read_file(const std::string &path) {
 
 // A malloc'd string's text ("" for NULL), freed.
 inline std::string take(char *s) {
-    std::string out = s ? s : "";
-    std::free(s);
-    return out;
+    const std::unique_ptr<char, decltype(&std::free)> owner(s, &std::free);
+    return s ? s : "";
 }
 
-// Error lines (priority 3 or more severe) logged since the last call to quiet_log().
-inline int &errors_logged() {
-    static int n = 0;
-    return n;
-}
-
-// Keeps the logger off syslog and counts its error lines instead.
+// Keeps the logger off syslog and counts its error lines (priority 3 or more severe) instead.
+inline int errors_logged = 0;
 inline void quiet_log() {
-    errors_logged() = 0;
+    errors_logged = 0;
     fr_log_set_threshold(3);
     fr_log_set_sink([](const char *, int, const char *, int, int prio, const char *,
-                       void *) { errors_logged() += prio <= 3; },
+                       void *) { errors_logged += prio <= 3; },
                     nullptr);
 }
 
@@ -110,9 +87,8 @@ inline bool contains(std::string_view hay, std::string_view needle) {
 
 // What a reader hands out: text of the file, trimmed, that never crosses a line.
 inline bool from_file(std::string_view v, std::string_view a, std::string_view b = "") {
-    const auto space = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
-    if (v.find('\n') != std::string_view::npos) return false;
-    if (!v.empty() && (space(v.front()) || space(v.back()))) return false;
+    const auto space = [](char c) { return contains(" \t\n\v\f\r", std::string_view(&c, 1)); };
+    if (contains(v, "\n") || (!v.empty() && (space(v.front()) || space(v.back())))) return false;
     return contains(a, v) || contains(b, v);
 }
 

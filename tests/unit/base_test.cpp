@@ -1,71 +1,44 @@
 // Base library: strings, counted strings, config reader, hash table, logger, descriptor I/O.
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <sys/wait.h>
 #include <syslog.h>
-#include <unistd.h>
 
-#include <atomic>
-#include <cstring>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "cxx_util.hpp"
-#include "qx_paths.h"
 #include "unit.hpp"
 
-namespace {
-
-using namespace unit;
-using std::string;
-
+// Bytes above 127 are not blanks.
 TEST(Trim, StripsIsspaceBytesFromTheRequestedEndsInPlace) {
-    struct Row {
-        const char *in;
-        int mode;
-        const char *out;
-    } rows[] = {{"\t x \n", FR_TRIM_BOTH, "x"},          {"\t x \n", FR_TRIM_LEFT, "x \n"},
-                {"\t x \n", FR_TRIM_RIGHT, "\t x"},      {"\t x \n", 0, "\t x \n"},
-                {" \r\v\f", FR_TRIM_BOTH, ""},           {"a b", FR_TRIM_BOTH, "a b"},
-                {"\xa0x\xa0", FR_TRIM_BOTH, "\xa0x\xa0"}};  // bytes above 127 are not blanks
-    for (const auto &r : rows) {
-        string buf(r.in);
-        EXPECT_EQ(fr_str_trim(buf.data(), r.mode), buf.data()) << "the text moves, not the pointer";
-        EXPECT_STREQ(buf.c_str(), r.out) << "[" << r.in << "] mode " << r.mode;
+    const std::tuple<const char *, int, const char *> rows[] = {
+        {"\t x \n", FR_TRIM_BOTH, "x"},     {"\t x \n", FR_TRIM_LEFT, "x \n"},
+        {"\t x \n", FR_TRIM_RIGHT, "\t x"}, {"\t x \n", 0, "\t x \n"},
+        {" \r\v\f", FR_TRIM_BOTH, ""},      {"\xa0x\xa0", FR_TRIM_BOTH, "\xa0x\xa0"}};
+    for (const auto &[in, mode, out] : rows) {
+        string buf(in);
+        EXPECT_EQ(fr_str_trim(buf.data(), mode), buf.data()) << "the text moves, not the pointer";
+        EXPECT_STREQ(buf.c_str(), out) << "[" << in << "] mode " << mode;
     }
-    EXPECT_EQ(fr_str_trim(nullptr, FR_TRIM_BOTH), nullptr);
 }
 
 TEST(Explode, KeepsEmptyPiecesAndImplodesBackToTheInput) {
-    struct Row {
-        const char *in, *sep;
-        std::vector<string> pieces;
-    } rows[] = {{"a::b", ":", {"a", "", "b"}},
-                {"a:b:", ":", {"a", "b", ""}},
-                {":a", ":", {"", "a"}},
-                {"", ":", {""}},
-                {"db:host:with:colons:3306", ":", {"db", "host", "with", "colons", "3306"}},
-                {"a, b,, c", ", ", {"a", "b,", "c"}},
-                {"xxx", "xx", {"", "x"}}};
-    for (const auto &r : rows) {
+    using V = std::vector<string>;
+    const std::tuple<const char *, const char *, V> rows[] = {{"a::b", ":", {"a", "", "b"}},
+                                                              {"a:b:", ":", {"a", "b", ""}},
+                                                              {"", ":", {""}},
+                                                              {"a, b,, c", ", ", {"a", "b,", "c"}},
+                                                              {"xxx", "xx", {"", "x"}}};
+    for (const auto &[in, sep, pieces] : rows) {
         size_t n = 99;
-        char **parts = fr_explode(r.in, r.sep, &n);
+        char **parts = fr_explode(in, sep, &n);
         ASSERT_NE(parts, nullptr);
         EXPECT_EQ(parts[n], nullptr);
-        EXPECT_EQ(std::vector<string>(parts, parts + n), r.pieces) << r.in << " at " << r.sep;
-        EXPECT_EQ(take(fr_implode(parts, n, r.sep)), r.in);
+        EXPECT_EQ(V(parts, parts + n), pieces) << in << " at " << sep;
+        EXPECT_EQ(take(fr_implode(parts, n, sep)), in);
         fr_explode_free(parts);
     }
     size_t n = 7;
     EXPECT_EQ(fr_explode("a", "", &n), nullptr);
-    EXPECT_EQ(fr_explode(nullptr, ":", &n), nullptr);
-    EXPECT_EQ(n, 0u);
     char *one[] = {const_cast<char *>("a"), nullptr};
     EXPECT_EQ(fr_implode(one, 2, ","), nullptr) << "a missing piece";
-    EXPECT_EQ(take(fr_implode(nullptr, 0, ",")), "");
 }
 
 TEST(Base64, MatchesTheStandardVectors) {
@@ -73,8 +46,6 @@ TEST(Base64, MatchesTheStandardVectors) {
                                               {"f", "Zg=="},
                                               {"fo", "Zm8="},
                                               {"foo", "Zm9v"},
-                                              {"foob", "Zm9vYg=="},
-                                              {"fooba", "Zm9vYmE="},
                                               {"foobar", "Zm9vYmFy"},
                                               {string("\0\xff\xfe", 3), "AP/+"},
                                               {"\xfb\xff", "+/8="}};
@@ -82,57 +53,47 @@ TEST(Base64, MatchesTheStandardVectors) {
         EXPECT_EQ(take(base64_enc_str(in.data(), in.size())), out);
 }
 
-TEST(SafeStr, KeepsEmbeddedNulAndReadsLinesOfAnyLength) {
+// Reading lines of any length is exercised by the Asterisk configuration readers.
+TEST(SafeStr, KeepsEmbeddedNul) {
     safestr_t *s = safestr_create_len("a\0b", 3);
     EXPECT_EQ(std::memcmp(safestr_cstr(s), "a\0b\0", 4), 0);
     EXPECT_EQ(take(s), string("a\0b", 3));
-
-    TempDir tmp;
-    const std::vector<string> lines = {"one\n", "\n", string(200000, 'x') + "\n", "no eol"};
-    qx::File fp(
-        std::fopen(tmp.write("lines", lines[0] + lines[1] + lines[2] + lines[3]).c_str(), "r"));
-    for (const auto &want : lines)
-        EXPECT_EQ(take(safestr_readline(fp.get())), want);
-    EXPECT_EQ(safestr_readline(fp.get()), nullptr);
 }
 
+// A row: the file, the value of KEY (nullopt: left untouched), the lines rejected and a fragment
+// of the errors logged (% stands for the path).
 TEST(ParseConfig, AcceptsEverySpellingAndReportsRejectedLines) {
-    struct Row {
-        string file;
-        Opt value;  // of KEY; nullopt: left untouched
-        int rejected = 0;
-        const char *error = "";  // fragment of the errors logged; % stands for the path
-    } rows[] = {
-        {"KEY value\n", "value"},
-        {"KEY = value\n", "value"},
-        {"KEY=value", "value"},
-        {"  KEY\t value with  inner  blanks \t\r\n", "value with  inner  blanks"},
-        {"KEY \"  padded  \"\n", "  padded  "},
-        {"KEY \"\"\n", ""},
-        {"KEY a = b\n", "a = b"},
-        {"KEY first\nKEY second\n", "second"},
+    const string v4092(4092, 'v');
+    const std::tuple<string, Opt, int, const char *> rows[] = {
+        {"KEY = value\n", "value", 0, ""},
+        {"KEY=value", "value", 0, ""},
+        {"  KEY\t value with  inner  blanks \t\r\n", "value with  inner  blanks", 0, ""},
+        {"KEY \"  padded  \"\n", "  padded  ", 0, ""},
+        {"KEY \"\"\n", "", 0, ""},
+        {"KEY a = b\n", "a = b", 0, ""},
+        {"KEY first\nKEY second\n", "second", 0, ""},
         {"KEY good\nKEY\nKEY =\nKEY \"open\n", "good", 3,
          "Line [4] of <%> sets KEY with an unterminated quote; ignored.\n"},
         {"KEY good\nKEY =\n", "good", 1, "Line [2] of <%> sets KEY without a value; ignored.\n"},
-        {"# KEY commented\n   # KEY commented\n", no},
-        {"KEYS longer name\nkey lower case\n=KEY x\n\nOTHER\nOTHER \"x\n", no},
-        {"KEY " + string(4092, 'v') + "\n", string(4092, 'v')},
-        {"OTHER 1\nKEY " + string(4093, 'v') + "\n", no, 1,
+        {"# KEY commented\n   # KEY commented\n", no, 0, ""},
+        {"KEYS longer name\nkey lower case\n=KEY x\n\nOTHER\nOTHER \"x\n", no, 0, ""},
+        {"KEY " + v4092 + "\n", v4092, 0, ""},
+        {"OTHER 1\nKEY " + v4092 + "v\n", no, 1,
          "Line [2] of <%> sets KEY on a line longer than 4096 bytes; ignored.\n"},
         {"OTHER 1\nKEY " + string(70000, 'v') + "\nKEY x\n", "x", 1, "longer than 4096 bytes"},
     };
     TempDir tmp;
-    for (const auto &r : rows) {
+    for (const auto &[file, value, rejected, fragment] : rows) {
         char *key = qx::c_copy("untouched");
         const fr_conf_entry table[] = {{"KEY", FR_CONF_STRING, &key}};
-        const string path = tmp.write("c.conf", r.file);
+        const string path = tmp.write("c.conf", file);
         qxtest::LogCapture log;
         fr_log_set_threshold(LOG_ERR);
-        EXPECT_EQ(parseconfig(path.c_str(), table, 1), r.rejected) << r.file.substr(0, 40);
-        EXPECT_EQ(take(key), r.value.value_or("untouched")) << "file:\n" << r.file;
-        string error = r.error;
+        EXPECT_EQ(parseconfig(path.c_str(), table, 1), rejected) << file.substr(0, 40);
+        EXPECT_EQ(take(key), value.value_or("untouched")) << "file:\n" << file;
+        string error = fragment;
         if (const size_t at = error.find('%'); at != string::npos) error.replace(at, 1, path);
-        EXPECT_EQ(log.count(error), *r.error ? 1u : log.lines().size()) << r.file.substr(0, 40);
+        EXPECT_EQ(log.count(error), *fragment ? 1u : log.lines().size()) << file.substr(0, 40);
     }
 }
 
@@ -150,53 +111,39 @@ TEST(ParseConfig, FillsNumbersAndCountedStringsOnlyWhenValid) {
     EXPECT_EQ(std::vector<int>({num, neg, bad, huge, qnum, absent}),
               std::vector<int>({42, -7, 1, 2, 5, 3}));
     EXPECT_EQ(take(ss), "a b");
-    num = 0;
     EXPECT_EQ(parseconfig((tmp / "nope.conf").c_str(), table, std::size(table)), -1);
-    EXPECT_EQ(num, 0);
 }
 
-struct Counted {
-    int id;
-    int *destroyed;  // destroyed[id] counts destructor calls
-};
-
+// Keys that differ only after an embedded NUL, and a 4-byte id the way spoolcap keys its table
+// (whose insertion order its end-to-end listing checks). Each value's destructor counts in
+// destroyed[value].
 TEST(Hash, StoresCopiesUnderBinaryKeysAndDestroysEachOnce) {
-    int destroyed[4] = {};
-    fr_hash_t *h = fr_hash_init_api(FR_HASH_KEY_BINARY, [](void *v) {
-        auto *c = static_cast<Counted *>(v);
-        return ++c->destroyed[c->id], 0;
-    });
-    ASSERT_NE(h, nullptr);
+    static int destroyed[4] = {};
+    fr_hash_t *h = fr_hash_init_api(FR_HASH_KEY_BINARY,
+                                    [](void *v) { return ++destroyed[*static_cast<int *>(v)], 0; });
     EXPECT_EQ(fr_hash_empty(h), 1);
-    // Keys that differ only after an embedded NUL, and a 4-byte id the way callers key tables.
     const string keys[] = {string("a\0b", 3), string("a\0c", 3), "a", string("\x07\0\0\0", 4)};
     for (int i = 0; i < 4; ++i) {
-        Counted c{i == 3 ? 0 : i, destroyed};
-        ASSERT_EQ(fr_hash_force_add(h, keys[i].data(), keys[i].size(), &c, sizeof c), 0);
-        c.id = -1;  // the table keeps its own copy
+        int value = i == 3 ? 0 : i;  // the 0 is replaced below, and destroyed once then
+        ASSERT_EQ(fr_hash_force_add(h, keys[i].data(), keys[i].size(), &value, sizeof value), 0);
     }
-    Counted replacement{3, destroyed};
-    ASSERT_EQ(fr_hash_force_add(h, keys[3].data(), 4, &replacement, sizeof replacement), 0);
-    EXPECT_EQ(fr_hash_count(h), 4u);
-    EXPECT_EQ(fr_hash_find(h, "b", 1), nullptr);
-
+    int three = 3;
+    ASSERT_EQ(fr_hash_force_add(h, keys[3].data(), 4, &three, sizeof three), 0);
+    EXPECT_EQ(std::pair(fr_hash_count(h), fr_hash_find(h, "b", 1)),
+              std::pair(size_t(4), (void *)nullptr));
     fr_array_t *list = fr_hash_getkeys(h);
     ASSERT_EQ(fr_array_length(list), 4u);
     for (int i = 0; i < 4; ++i) {
-        auto *c = static_cast<Counted *>(fr_hash_find(h, keys[i].data(), keys[i].size()));
-        ASSERT_NE(c, nullptr);
-        EXPECT_EQ(c->id, i);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(c) % alignof(std::max_align_t), 0u);
+        auto *v = static_cast<int *>(fr_hash_find(h, keys[i].data(), keys[i].size()));
+        EXPECT_EQ(v ? *v : -1, i);
         size_t len = 0;
         auto *k = static_cast<const char *>(fr_array_get(list, i, &len));
         EXPECT_EQ(string(k, len), keys[i]) << "keys come back in insertion order";
     }
-    EXPECT_EQ(fr_array_get(list, 4, nullptr), nullptr);
     fr_array_free(list);
     fr_hash_destroy(h);
     EXPECT_EQ(h, nullptr);
     EXPECT_EQ(std::vector<int>(destroyed, destroyed + 4), std::vector<int>({1, 1, 1, 1}));
-    EXPECT_EQ(fr_hash_init_api(0, nullptr), nullptr);
 }
 
 TEST(Hash, LockIsRecursiveAndKeepsOtherThreadsOut) {
@@ -214,52 +161,19 @@ TEST(Hash, LockIsRecursiveAndKeepsOtherThreadsOut) {
     fr_hash_destroy(h);
 }
 
-TEST(Logger, SuppressedLinesAreNeverFormatted) {
-    struct Captured {
-        int calls = 0, priority = -1, channel = -1;
-        string message;
-    } cap;
-    fr_log_set_sink(
-        [](const char *, int, const char *, int channel, int priority, const char *msg, void *c) {
-            auto *cap = static_cast<Captured *>(c);
-            *cap = Captured{cap->calls + 1, priority, channel, msg};
-        },
-        &cap);
-    for (auto [threshold, priority, emitted] :
-         {std::tuple{7, 7, true}, {5, 7, false}, {5, 5, true}, {5, 3, true}, {3, 4, false}}) {
-        fr_log_set_threshold(threshold);
-        cap = Captured{};
-        int evaluated = 0;
-        FR_LOG("src", 3, priority, "n=%d", ++evaluated);
-        EXPECT_EQ(evaluated, emitted ? 1 : 0) << "arguments of a dropped line were evaluated";
-        if (emitted) {
-            EXPECT_EQ(std::tuple(cap.message, cap.priority, cap.channel),
-                      std::tuple(string("n=1"), priority, 3));
-        }
-        // Called directly, the logger applies the threshold itself.
-        fr_log_impl("src", 1, "f", 3, priority, "direct");
-        EXPECT_EQ(cap.calls, emitted ? 2 : 0);
-    }
-    fr_log_impl("src", 1, "f", 3, LOG_EMERG, nullptr);
-    EXPECT_EQ(cap.calls, 0);
-    fr_log_set_sink(nullptr, nullptr);
-}
-
+// Lines counted without atomics: only the logger's lock keeps the count whole.
 TEST(Logger, SinkReceivesOneLineAtATime) {
-    struct Overlap {
-        std::atomic<bool> inside{false};
-        std::atomic<int> overlaps{0};
-        int lines = 0;  // not atomic on purpose: the logger's lock must protect it
-    } o;
+    std::pair<std::atomic<int>, int> inside_and_lines{0, 0};
     fr_log_set_threshold(LOG_DEBUG);
     fr_log_set_sink(
         [](const char *, int, const char *, int, int, const char *, void *ctx) {
-            auto *o = static_cast<Overlap *>(ctx);
-            if (o->inside.exchange(true)) ++o->overlaps;
-            ++o->lines;
-            o->inside = false;
+            auto *o = static_cast<std::pair<std::atomic<int>, int> *>(ctx);
+            EXPECT_EQ(++o->first, 1) << "two lines at once";
+            std::this_thread::yield();  // widens the window another thread would use
+            ++o->second;
+            --o->first;
         },
-        &o);
+        &inside_and_lines);
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([] {
@@ -269,142 +183,109 @@ TEST(Logger, SinkReceivesOneLineAtATime) {
     for (auto &t : threads)
         t.join();
     fr_log_set_sink(nullptr, nullptr);
-    EXPECT_EQ(o.overlaps, 0);
-    EXPECT_EQ(o.lines, 8000);
+    EXPECT_EQ(inside_and_lines.second, 8000);
 }
 
-// Replaces the LOG_ lines of the node's local.conf for the life of the object, keeping its
-// other settings. Swapped by rename, so concurrent readers never see a half-written file.
-class LocalConfOverride {
-  public:
-    explicit LocalConfOverride(const string &log_lines) : original_(read(path_)) {
-        fs::create_directories(fs::path(path_).parent_path());
+// Replaces the LOG_ lines of the node's local.conf while it lives, keeping its other settings.
+// Swapped by rename, so concurrent readers never see a half-written file.
+struct LocalConfOverride {
+    const Opt original = read(QX_LOCAL_CONF);
+    explicit LocalConfOverride(const string &log_lines) {
+        fs::create_directories(fs::path(QX_LOCAL_CONF).parent_path());
         string kept;
-        std::istringstream in(original_.value_or(""));
+        std::istringstream in(original.value_or(""));
         for (string l; std::getline(in, l);)
             if (l.rfind("LOG_", 0) != 0) kept += l + "\n";
         replace(kept + log_lines);
     }
-    ~LocalConfOverride() { original_ ? replace(*original_) : void(fs::remove(path_)); }
-
-  private:
-    void replace(const string &content) {
-        std::ofstream(path_ + ".base_test", std::ios::binary) << content;
-        fs::rename(path_ + ".base_test", path_);
+    ~LocalConfOverride() { original ? replace(*original) : void(fs::remove(QX_LOCAL_CONF)); }
+    static void replace(const string &content) {
+        std::ofstream(QX_LOCAL_CONF ".base_test", std::ios::binary) << content;
+        fs::rename(QX_LOCAL_CONF ".base_test", QX_LOCAL_CONF);
     }
-    const string path_ = QX_LOCAL_CONF;
-    Opt original_;
 };
 
-struct NodeSetting {
-    const char *name, *level_line;
-    int pinned;  // threshold the program sets before its first line, or -1
-    int threshold;
-    const char *error = "";  // the line reporting a bad setting, held until the file is open
-};
-
-class LoggerStartup : public ::testing::TestWithParam<NodeSetting> {};
-
-// Each case runs in a fresh process: the node's setting is loaded once per process.
-TEST_P(LoggerStartup, LoadsTheLevelOnceAndAppendsLinesToTheLogFile) {
+// Each row runs in a fresh process, which loads the node's setting once: the LOG_LEVEL line, a
+// threshold set before the first line (-1: none), the threshold that holds, the line reporting a
+// bad setting (held until the file is open). Default level and file: every end-to-end run.
+TEST(LoggerStartup, LoadsTheLevelOnceAndAppendsLinesToTheLogFile) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const NodeSetting &p = GetParam();
-    const fs::path log = fs::temp_directory_path() / (string("qx_base_test_") + p.name);
-    std::ofstream(log, std::ios::binary) << "old\n";
-    {
-        LocalConfOverride local(string(p.level_line) + "\nLOG_FILE " + log.string() + "\n");
-        EXPECT_EXIT(
-            {
-                if (p.pinned >= 0) fr_log_set_threshold(p.pinned);
-                int evaluated = 0;
-                FR_LOG("src", 3, LOG_DEBUG, "first %d", ++evaluated);
-                FR_LOG("src", 3, LOG_WARNING, "warning %d", 4);
-                FR_LOG("src", 3, LOG_ERR, "error\n");
-                FR_LOG("src", 3, LOG_DEBUG, "again %d", ++evaluated);
-                std::_Exit(fr_log_threshold * 10 + evaluated);
-            },
-            ::testing::ExitedWithCode(p.threshold * 10 + (p.pinned < 0) + (p.threshold == 7)), "");
+    const std::tuple<const char *, int, int, const char *> rows[] = {
+        {"LOG_LEVEL warning", -1, LOG_WARNING, ""},
+        {"LOG_LEVEL = error", -1, LOG_ERR, ""},
+        {"LOG_LEVEL 7", -1, LOG_DEBUG, ""},
+        {"LOG_LEVEL loud", -1, LOG_NOTICE, "Unknown LOG_LEVEL [loud] in <" QX_LOCAL_CONF ">"},
+        {"LOG_LEVEL 8", -1, LOG_NOTICE, "LOG_LEVEL [8]"},
+        {"LOG_LEVEL err", LOG_INFO, LOG_INFO, ""}};
+    for (const auto &[level_line, pinned, threshold, error] : rows) {
+        SCOPED_TRACE(level_line);
+        const fs::path log = fs::temp_directory_path() / "qx_base_test.log";
+        std::ofstream(log, std::ios::binary) << "old\n";
+        {
+            LocalConfOverride local(string(level_line) + "\nLOG_FILE " + log.string() + "\n");
+            EXPECT_EXIT(
+                {
+                    if (pinned >= 0) fr_log_set_threshold(pinned);
+                    int evaluated = 0;
+                    FR_LOG("src", 3, LOG_DEBUG, "first %d", ++evaluated);
+                    FR_LOG("src", 3, LOG_WARNING, "warning %d", 4);
+                    FR_LOG("src", 3, LOG_ERR, "error\n");
+                    FR_LOG("src", 3, LOG_DEBUG, "again %d", ++evaluated);
+                    fr_log_impl("src", 1, "f", 3, LOG_DEBUG, "direct\n");  // held to it too
+                    std::_Exit(fr_log_threshold * 10 + evaluated);
+                },
+                ::testing::ExitedWithCode(threshold * 10 + (pinned < 0) + (threshold == 7)), "");
+        }
+        string want = "old\n";
+        // The first line is formatted before the setting is known, but still held to it.
+        if (threshold == LOG_DEBUG) want += "first 1\n";
+        if (threshold >= LOG_WARNING) want += "warning 4\n";
+        if (threshold >= LOG_ERR) want += "error\n";
+        if (threshold == LOG_DEBUG) want += "again 2\ndirect\n";
+        string got = read(log).value_or("");
+        // EXPECT, not ASSERT: the process of a later row runs this for the earlier rows too.
+        const size_t at = got.find(error);
+        EXPECT_NE(at, string::npos) << got;
+        if (*error && at != string::npos)
+            got.erase(got.rfind('\n', at) + 1, got.find('\n', at) - got.rfind('\n', at));
+        EXPECT_EQ(got, want);
+        fs::remove(log);
     }
-    string want = "old\n";
-    // The first line is formatted before the setting is known, but still held to it.
-    if (p.threshold == LOG_DEBUG) want += "first 1\n";
-    if (p.threshold >= LOG_WARNING) want += "warning 4\n";
-    if (p.threshold >= LOG_ERR) want += "error\n";
-    if (p.threshold == LOG_DEBUG) want += "again 2\n";
-    string got = read(log).value_or("");
-    if (*p.error) {
-        const size_t at = got.find(p.error);
-        ASSERT_NE(at, string::npos) << got;
-        got.erase(got.rfind('\n', at) + 1, got.find('\n', at) - got.rfind('\n', at));
-    }
-    EXPECT_EQ(got, want);
-    fs::remove(log);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Levels, LoggerStartup,
-    ::testing::Values(NodeSetting{"word", "LOG_LEVEL warning", -1, LOG_WARNING},
-                      NodeSetting{"err", "LOG_LEVEL err", -1, LOG_ERR},
-                      NodeSetting{"error", "LOG_LEVEL = error", -1, LOG_ERR},
-                      NodeSetting{"digit", "LOG_LEVEL 6", -1, LOG_INFO},
-                      NodeSetting{"debug", "LOG_LEVEL debug", -1, LOG_DEBUG},
-                      NodeSetting{"absent", "", -1, LOG_NOTICE},
-                      NodeSetting{"unknown", "LOG_LEVEL loud", -1, LOG_NOTICE,
-                                  "Unknown LOG_LEVEL [loud] in <" QX_LOCAL_CONF ">"},
-                      NodeSetting{"range", "LOG_LEVEL 9", -1, LOG_NOTICE, "LOG_LEVEL [9]"},
-                      NodeSetting{"quote", "LOG_LEVEL \"err", -1, LOG_NOTICE,
-                                  "sets LOG_LEVEL with an unterminated quote; ignored."},
-                      NodeSetting{"pinned", "LOG_LEVEL err", LOG_INFO, LOG_INFO}),
-    [](const auto &info) { return string(info.param.name); });
-
-// The outcome, not the clock: data that comes while the reader may still wait is read, data
-// that comes after its timeout is not.
+// The outcome, not the clock: data that comes within the timeout is read, later data is not.
+// A row: when the writer writes (-1: it closes at once), the timeout, the result.
 TEST(NbRead, WaitsForDataUntilItsTimeoutAndNoLonger) {
-    struct Row {
-        int write_after_ms;  // -1: nothing is written; -2: the writer closes at once
-        float timeout;
-        ssize_t result;
-    } rows[] = {{300, 5.0f, 3},   {0, 5.0f, 3},    {-2, 5.0f, 0},   {-1, 0.2f, -1},
-                {500, 0.05f, -1}, {500, 0.0f, -1}, {500, -1.0f, -1}};
-    for (const auto &r : rows) {
+    for (auto [write_after_ms, timeout, result] : {std::tuple{300, 5.0f, 3},
+                                                   {-1, 5.0f, 0},
+                                                   {500, 0.05f, -1},
+                                                   {500, 0.0f, -1},
+                                                   {500, -1.0f, -1}}) {
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
         qx::UniqueFd rd(ends[0]), wr(ends[1]);
-        if (r.write_after_ms == -2) wr.reset();
-        std::thread writer([&] {
-            if (r.write_after_ms < 0) return;
-            std::this_thread::sleep_for(std::chrono::milliseconds(r.write_after_ms));
-            EXPECT_EQ(write(wr.get(), "abc", 3), 3);
+        if (write_after_ms < 0) wr.reset();
+        std::thread writer([&, ms = write_after_ms] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+            EXPECT_EQ(ms < 0 ? 3 : write(wr.get(), "abc", 3), 3);
         });
         char buf[16];
         errno = 0;
-        EXPECT_EQ(fr_read_nb(rd.get(), buf, sizeof buf, r.timeout), r.result)
-            << "after " << r.write_after_ms << " ms, timeout " << r.timeout;
-        if (r.result < 0) {
-            EXPECT_EQ(errno, ETIMEDOUT);
-        }
+        EXPECT_EQ(fr_read_nb(rd.get(), buf, sizeof buf, timeout), result)
+            << "after " << write_after_ms << " ms, timeout " << timeout;
+        EXPECT_EQ(errno, result < 0 ? ETIMEDOUT : 0);
         writer.join();
     }
 }
 
-TEST(NbWrite, ConnectsAndGivesUpOnAPeerThatStopsReading) {
-    TempDir tmp;
-    const string path = tmp / "console.sock";
-    qx::UniqueFd listener(socket(AF_UNIX, SOCK_STREAM, 0));
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::strcpy(addr.sun_path, path.c_str());
-    ASSERT_EQ(bind(listener.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(listener.get(), 4), 0);
-    qx::UniqueFd client(fr_connect_nb_unix(path.c_str(), 1.0f));
-    ASSERT_TRUE(client);
-    qx::UniqueFd server(accept(listener.get(), nullptr, nullptr));
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    qx::UniqueFd pipe_rd(ends[0]), pipe_wr(ends[1]);
-
+// Connecting to a listening console is covered by the console tests.
+TEST(NbWrite, GivesUpOnAPeerThatStopsReading) {
+    int sp[2], pp[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sp), 0);
+    ASSERT_EQ(pipe(pp), 0);
     const string big(4 << 20, 'x');
-    for (auto [wr, rd] : {std::pair{client.get(), server.get()}, {pipe_wr.get(), pipe_rd.get()}}) {
+    for (auto [wr, rd] : {std::pair{sp[0], sp[1]}, {pp[1], pp[0]}}) {
+        qx::UniqueFd w(wr), r(rd);
         ASSERT_EQ(fr_write_nb_full(wr, "cmd", 4, 1.0f), 4);
         char buf[8] = {};
         EXPECT_EQ(fr_read_nb(rd, buf, sizeof buf, 1.0f), 4);
@@ -413,33 +294,10 @@ TEST(NbWrite, ConnectsAndGivesUpOnAPeerThatStopsReading) {
         EXPECT_EQ(fr_write_nb_full(wr, big.data(), big.size(), 0.2f), -1);
         EXPECT_EQ(errno, ETIMEDOUT);
     }
+    TempDir tmp;
     for (auto [where, err] :
          {std::pair{tmp / "absent.sock", ENOENT}, {string(200, 'p'), ENAMETOOLONG}}) {
         EXPECT_EQ(fr_connect_nb_unix(where.c_str(), 0.5f), -1);
         EXPECT_EQ(errno, err);
     }
 }
-
-TEST(Spawn, RunsTheProgramWithoutAShellAndPipesItsOutput) {
-    char *argv[] = {const_cast<char *>("/bin/echo"), const_cast<char *>("a  b"),
-                    const_cast<char *>("$HOME;*"), nullptr};
-    int out = -1;
-    pid_t pid = fr_spawn_async_piped("/bin/echo", argv, &out);
-    ASSERT_GT(pid, 0);
-    qx::UniqueFd rd(out);
-    EXPECT_TRUE(fcntl(out, F_GETFD) & FD_CLOEXEC);
-    string got;
-    char buf[4];
-    ssize_t n;
-    // Reaching end of file proves the parent kept no copy of the pipe's write side.
-    while ((n = fr_read_nb(out, buf, sizeof buf, 5.0f)) > 0)
-        got.append(buf, n);
-    EXPECT_EQ(n, 0);
-    EXPECT_EQ(got, "a  b $HOME;*\n");
-    int status = -1;
-    ASSERT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_EQ(fr_spawn_async_piped("/nonexistent/prog", argv, &out), -1);
-}
-
-}  // namespace
