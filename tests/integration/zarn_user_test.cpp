@@ -1,6 +1,8 @@
 // Account lookups on the sandbox: what comes from the database, what is written to the cache,
-// and when a cached answer wins. Plain lookups (level, parent, extensions, bound preferences)
-// run in every quota test through the engine; the rows here are the edges it never reaches.
+// and when a cached answer wins. Plain lookups (level, parent, extensions, preferences through
+// qx_account_get_pref) run in every quota test through the engine, and the multi-name preference
+// read-through (markers, unbound names, a binding into another hash) in the cache layer's test;
+// the rows here are the edges neither reaches.
 #include <algorithm>
 #include <cstdlib>
 
@@ -27,13 +29,14 @@ std::string info_key(int id) {
 std::string info(int id, const char *field) {
     return qxtest::redis({"HGET", info_key(id), field});
 }
-// The strings of a lookup's array, released, sorted unless the order is promised.
-std::vector<Text> texts(char **list, size_t count, bool sort = true) {
+// The strings of a lookup's array, released, sorted: neither the cache nor the database
+// promises an order.
+std::vector<Text> sorted(char **list, size_t count) {
     std::vector<Text> out;
     for (size_t i = 0; list && i < count; ++i)
         out.push_back(list[i] ? Text(list[i]) : none);
     rget_free_vals(static_cast<int>(count), list);
-    if (sort) std::sort(out.begin(), out.end());
+    std::sort(out.begin(), out.end());
     return out;
 }
 
@@ -134,34 +137,18 @@ TEST_F(Accounts, ExtensionsComeFromTheIndexHashOnceItExists) {
         ids.push_back(qxtest::add_extension(user_, n, prefix + n));
     size_t count = 0;
     char **list = qx_user_get_extensions_sess(nullptr, parent.c_str(), user_, 1, &count);
-    EXPECT_EQ(texts(list, count), (std::vector<Text>{"101", "102"}));
+    EXPECT_EQ(sorted(list, count), (std::vector<Text>{"101", "102"}));
     EXPECT_EQ(qxtest::redis({"HGET", "res:ind:" + std::to_string(user_) + ":ext", "102"}),
               std::to_string(ids[1]));
 
     // An extension added later stays invisible while the index hash exists.
     qxtest::add_extension(user_, "104", prefix + "104");
     list = qx_user_get_extensions_sess(nullptr, parent.c_str(), user_, 0, &count);
-    EXPECT_EQ(texts(list, count), (std::vector<Text>{prefix + "101", prefix + "102"}));
+    EXPECT_EQ(sorted(list, count), (std::vector<Text>{prefix + "101", prefix + "102"}));
 
     // An account without extensions caches nothing.
     EXPECT_EQ(qx_user_get_extensions_sess(nullptr, parent.c_str(), b_ + 3, 1, &count), nullptr);
     EXPECT_EQ(qxtest::redis({"EXISTS", "res:ind:" + std::to_string(b_ + 3) + ":ext"}), "0");
-}
-
-TEST_F(Accounts, PreferencesAreCachedPerBindingAndUnboundNamesAlwaysAskTheDatabase) {
-    for (const auto &[param, value] :
-         {std::pair{"max_record", "1000"}, {"max_maxconcurent", "5"}, {"no_binding", "x"}})
-        qxtest::add_pref(user_, param, value);
-    const char *names[] = {"max_record", "max_voice", "max_maxconcurent", "no_binding"};
-    auto read_all = [&] { return texts(qx_account_get_prefs(user_, 4, names), 4, false); };
-    EXPECT_EQ(read_all(), (std::vector<Text>{"1000", none, "5", "x"}));
-    EXPECT_EQ(qxtest::redis({"HMGET", "res:pre:mng:" + std::to_string(user_), "mrec", "mvoc"}),
-              "1000\n_NR_");
-    EXPECT_EQ(info(user_, "ecc"), "5");  // a binding into another hash
-    qxtest::add_pref(user_, "max_record", "9999");
-    qxtest::add_pref(user_, "no_binding", "y");
-    EXPECT_EQ(read_all(), (std::vector<Text>{"1000", none, "5", "y"}));
-    EXPECT_EQ(take(qx_account_get_pref(user_, "max_record")), "1000");
 }
 
 }  // namespace
