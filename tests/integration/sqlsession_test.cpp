@@ -193,6 +193,7 @@ TEST_F(SqlPool, UnreachableMasterIsTriedOnceThenAvoided) {
     };
     const std::pair<std::string, int> rows[] = {
         {qxtest::path("/run/no-such-mysqld.sock:0"), 0},
+        {"127.0.0.1:1", 0},
         {stalled + ":0", 1},
     };
     for (const auto &[server, tries] : rows) {

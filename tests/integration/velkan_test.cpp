@@ -20,11 +20,12 @@ auto *const sandbox_env = qxtest::register_sandbox();
 using Client = std::unique_ptr<vk_client_t, decltype(&vk_client_destroy)>;
 using Text = std::optional<std::string>;
 
-Client client(const std::vector<std::pair<std::string, int>> &servers, int db = 1) {
+Client client(const std::vector<std::pair<std::string, int>> &servers, int db = 1,
+              const std::string &key = "sandbox") {
     Client c(vk_client_create(1, 2, nullptr, nullptr), &vk_client_destroy);
     for (const auto &[host, port] : servers)
         vk_server_add(c.get(), host.c_str(), port, "t");
-    vk_set_database_key(c.get(), db, "sandbox", 7);
+    vk_set_database_key(c.get(), db, key.data(), key.size());
     vk_select(c.get(), db, 0);
     return c;
 }
@@ -99,7 +100,11 @@ TEST_F(Velkan, SortedSetMemberKeepsItsValueUnlessNull) {
     }
 }
 
-TEST_F(Velkan, DatabaseChoiceHoldsOnANewConnection) {
+TEST_F(Velkan, DatabaseKeyAndChoiceHoldOnEveryConnection) {
+    int rc = 0;  // a wrong key is refused (no key at all: the cache set-up rows)
+    hget(client({{qxtest::path("/run/redis.sock"), 0}}, 1, "wrong").get(), "x", "f", &rc);
+    EXPECT_EQ(rc, VK_EREPLY);
+
     auto c = sandbox(6);
     ASSERT_EQ(vk_hset(c.get(), key_.data(), key_.size(), "f", 1, "six", 3, 0), VK_OK);
     EXPECT_EQ(qxtest::redis({"EXISTS", key_}), "0");
@@ -114,7 +119,6 @@ TEST_F(Velkan, DatabaseChoiceHoldsOnANewConnection) {
             qxtest::redis({"CLIENT", "KILL", "ID", line.substr(3, line.find(' ') - 3)}).c_str());
     }
     ASSERT_GE(killed, 1);
-    int rc = 0;
     Text value = hget(c.get(), key_, "f", &rc);
     if (rc != VK_OK) {
         EXPECT_EQ(rc, VK_EIO);

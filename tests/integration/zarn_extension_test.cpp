@@ -233,6 +233,7 @@ TEST_F(Extensions, PreferencesAndScreeningReadThroughTheirHashes) {
     EXPECT_EQ(qxtest::redis({"HMGET", po, "dnd", "vm", "fx"}), "1\n_NL_\n_NR_");
     EXPECT_EQ(hget("res:cb:ext:" + full1_, "crt"), "555");
     EXPECT_EQ(take(qx_extension_get_pref_by_id(ext1_, "callreturn")), "555");
+    EXPECT_EQ(take(qx_extension_get_pref(full1_.c_str(), "dnd")), "1");
 
     qxtest::LogCapture log;
     for (int round = 0; round < 2; ++round) {  // the second from the cache
