@@ -1,5 +1,6 @@
-// The DisDB client against the sandbox Redis: round trips, authentication, database choice,
-// failover, and the cost of a dead or stalled server.
+// The DisDB client against the sandbox Redis: round trips, database choice across a reconnect,
+// failover, and the cost of a dead or stalled server. Authentication and multi-field reads are
+// checked through the cache set-up and the cache layer.
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -7,11 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
-#include <optional>
-#include <string>
-#include <vector>
 
 #include "qxtest.hpp"
 #include "velkan.h"
@@ -23,17 +20,17 @@ auto *const sandbox_env = qxtest::register_sandbox();
 using Client = std::unique_ptr<vk_client_t, decltype(&vk_client_destroy)>;
 using Text = std::optional<std::string>;
 
-Client client(const std::vector<std::pair<std::string, int>> &servers, const char *key = "sandbox",
-              int db = 1) {
+Client client(const std::vector<std::pair<std::string, int>> &servers, int db = 1,
+              const std::string &key = "sandbox") {
     Client c(vk_client_create(1, 2, nullptr, nullptr), &vk_client_destroy);
     for (const auto &[host, port] : servers)
         vk_server_add(c.get(), host.c_str(), port, "t");
-    if (*key) vk_set_database_key(c.get(), db, key, std::strlen(key));
+    vk_set_database_key(c.get(), db, key.data(), key.size());
     vk_select(c.get(), db, 0);
     return c;
 }
 Client sandbox(int db = 1) {
-    return client({{qxtest::path("/run/redis.sock"), 0}}, "sandbox", db);
+    return client({{qxtest::path("/run/redis.sock"), 0}}, db);
 }
 
 Text hget(vk_client_t *c, const std::string &key, const std::string &f, int *status = nullptr) {
@@ -70,33 +67,7 @@ TEST_F(Velkan, FieldValuesSurviveARoundTripByteForByte) {
         EXPECT_EQ(hget(vk_client_secondary(c.get()), key_, field), value);
         EXPECT_EQ(qxtest::redis({"HGET", key_, field}), value);
     }
-}
-
-TEST_F(Velkan, MultiFieldReadsKeepTheOrderAsked) {
-    auto c = sandbox();
-    const char *fields[] = {"a", "b", "c"}, *values[] = {"1", "two", ""};
-    const size_t lens[] = {1, 1, 1}, vlens[] = {1, 3, 0};
-    ASSERT_EQ(vk_hmset(c.get(), key_.data(), key_.size(), fields, 3, lens, values, vlens, 0),
-              VK_OK);
-
-    const char *ask[] = {"b", "missing", "a", "c"};
-    const size_t alens[] = {1, 7, 1, 1};
-    char **got = nullptr;
-    size_t entries = 0;
-    void *buffer = nullptr;
-    ASSERT_EQ(vk_hmget_whole(c.get(), key_.data(), key_.size(), ask, 4, alens, &got, &entries,
-                             &buffer, "", 1),
-              VK_OK);
-    EXPECT_EQ(entries, 3u);
-    std::vector<Text> in_order;
-    for (int i = 0; i < 4; ++i) {
-        in_order.push_back(got[i] ? Text(got[i]) : std::nullopt);
-        std::free(got[i]);
-    }
-    std::free(got);
-    std::free(buffer);
-    EXPECT_EQ(in_order, (std::vector<Text>{"two", std::nullopt, "1", ""}));
-
+    // The whole hash at once (its values as C strings).
     size_t count = 0;
     char **names = nullptr, **vals = nullptr;
     ASSERT_EQ(vk_hgetall(c.get(), key_.data(), key_.size(), &count, &names, &vals, 0, 0), VK_OK);
@@ -108,9 +79,9 @@ TEST_F(Velkan, MultiFieldReadsKeepTheOrderAsked) {
     }
     std::free(names);
     std::free(vals);
-    EXPECT_EQ(all, (std::map<std::string, std::string>{{"a", "1"}, {"b", "two"}, {"c", ""}}));
-    EXPECT_EQ(vk_exists(c.get(), (key_ + ":absent").data(), key_.size() + 7), 0);
-    EXPECT_NE(vk_exists(c.get(), key_.data(), key_.size()), 0);
+    for (const auto &[field, value] : rows)
+        EXPECT_EQ(all[field], value.c_str()) << field;
+    EXPECT_EQ(all.size(), std::size(rows));
 }
 
 TEST_F(Velkan, SortedSetMemberKeepsItsValueUnlessNull) {
@@ -130,12 +101,9 @@ TEST_F(Velkan, SortedSetMemberKeepsItsValueUnlessNull) {
 }
 
 TEST_F(Velkan, DatabaseKeyAndChoiceHoldOnEveryConnection) {
-    for (const char *key : {"wrong", ""}) {
-        int rc = 0;
-        EXPECT_EQ(hget(client({{qxtest::path("/run/redis.sock"), 0}}, key).get(), "x", "f", &rc),
-                  std::nullopt);
-        EXPECT_EQ(rc, VK_EREPLY) << key;
-    }
+    int rc = 0;  // a wrong key is refused (no key at all: the cache set-up rows)
+    hget(client({{qxtest::path("/run/redis.sock"), 0}}, 1, "wrong").get(), "x", "f", &rc);
+    EXPECT_EQ(rc, VK_EREPLY);
 
     auto c = sandbox(6);
     ASSERT_EQ(vk_hset(c.get(), key_.data(), key_.size(), "f", 1, "six", 3, 0), VK_OK);
@@ -151,7 +119,6 @@ TEST_F(Velkan, DatabaseKeyAndChoiceHoldOnEveryConnection) {
             qxtest::redis({"CLIENT", "KILL", "ID", line.substr(3, line.find(' ') - 3)}).c_str());
     }
     ASSERT_GE(killed, 1);
-    int rc = 0;
     Text value = hget(c.get(), key_, "f", &rc);
     if (rc != VK_OK) {
         EXPECT_EQ(rc, VK_EIO);
