@@ -50,20 +50,17 @@ std::optional<std::string> read_file(const std::string &path);
 bool dirty(const std::string &quota_file);
 
 // Replaces a file (absolute path) for the scope; readers only ever see one version whole.
-class ConfFile {
-  public:
+struct ConfFile {
     ConfFile(std::string file, const std::string &text);
     ~ConfFile();
     ConfFile(const ConfFile &) = delete;
 
-  private:
     std::string file_;
     std::optional<std::string> saved_;
 };
 
 // Captures the platform logger's lines (threshold debug) for its lifetime.
-class LogCapture {
-  public:
+struct LogCapture {
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture &) = delete;
@@ -85,14 +82,12 @@ RunResult run(const std::vector<std::string> &argv, const std::string &input = "
 RunResult spoolcap(const std::vector<std::string> &args);  // the built spoolcap
 
 // Stops the sandbox's MariaDB with sig (SIGSTOP: hung, SIGKILL: crashed) for its lifetime.
-class StoppedDatabase {
-  public:
+struct StoppedDatabase {
     explicit StoppedDatabase(int sig = SIGSTOP);
     ~StoppedDatabase();
     StoppedDatabase(const StoppedDatabase &) = delete;
     bool stopped() const { return pid_ > 0; }
 
-  private:
     int pid_, sig_;
 };
 
