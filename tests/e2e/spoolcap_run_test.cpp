@@ -88,7 +88,6 @@ std::string body(const Usage &u) {
     return out + "\n";
 }
 
-// One block of the listing by id or login (two tabs after the id).
 std::string block(int id, const std::string &rest) {
     return "Quota for user u" + str(id) + " (with id: " + str(id) + ")\t\t" + rest;
 }
@@ -137,14 +136,12 @@ void expect_runs(const std::vector<Case> &cases) {
 }
 
 TEST(SpoolcapRun, CommandLinesRejectedOrAnsweredWithoutATarget) {
+    // clang-format off
     const std::string banner =
-        "Quorvex spoolcap\n"
-        "Command line tool that refreshes or inspects client quotas\n"
-        "Usage:\n"
+        "Quorvex spoolcap\nCommand line tool that refreshes or inspects client quotas\nUsage:\n"
         "\tspoolcap --action|-A set|show --uid|-u <client_id> [, <client_id2> [, ...]] | "
         "--ulogin|-l <login> [, <login2> [, ...]] | --all|-a [--child|-c]  [--human|-h] "
-        "[--quiet|-q]\n"
-        "Valid options:\n"
+        "[--quiet|-q]\nValid options:\n"
         "\t--action|-A:  set  will refresh quotas and print them on stdout;\n"
         "\t\tshow  will inspect only and print them to stdout\n"
         "\t--uid|-u: User id from sql client.id. May be a list \"id1, id2..\"\n"
@@ -155,7 +152,6 @@ TEST(SpoolcapRun, CommandLinesRejectedOrAnsweredWithoutATarget) {
         "\t--children|-c: Do the action on all the child objects too\n"
         "\t--human|-h: Print sizes in human readble form (KB, MB, GB etc)\n"
         "\t--quiet|-q: Print nothing on stdout. Invalid if -A show was requested\n";
-    // clang-format off
     const std::string action = "Bad command line. Action invalid or missing\n\n" + banner,
         conflict = "Bad command line. Target users must be specified using one and only one of --all|--uid|--ulogin\n\n" + banner,
         show_quiet = "Bad command line. --action show   and  --quiet  cannot be used together\n\n" + banner,
@@ -296,8 +292,6 @@ TEST(SpoolcapRun, ShowAllListsEveryAccountInServerOrder) {
     }
     t.expect_exact();
 }
-
-// ---- faults ----------------------------------------------------------------------------------
 
 TEST(SpoolcapFaults, UnmeasuredInputsKeepOldValuesMarkedAndStrictRunsFail) {
     Tree t;
