@@ -27,9 +27,10 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::mutex g_mutex;
+std::mutex g_mutex, g_log_mutex;
 MYSQL *g_mysql = nullptr;
 redisContext *g_redis = nullptr;
+std::vector<std::pair<int, std::string>> g_log;  // priority, line
 
 std::string quoted(const std::string &s) {
     std::string out = "'";
@@ -51,33 +52,29 @@ bool query(const std::string &statement, std::vector<Row> *rows) {
                                     path("/run/mysqld.sock").c_str(), CLIENT_MULTI_STATEMENTS)) {
                 ADD_FAILURE() << "cannot connect to the sandbox MariaDB: " << mysql_error(g_mysql);
                 mysql_close(g_mysql);
-                g_mysql = nullptr;
-                return false;
+                return g_mysql = nullptr, false;
             }
         }
         if (mysql_real_query(g_mysql, statement.data(), statement.size()) == 0) break;
         const unsigned err = mysql_errno(g_mysql);
         if (attempt == 0 && (err == 2006 || err == 2013)) {
-            mysql_close(g_mysql);
-            g_mysql = nullptr;
+            mysql_close(g_mysql), g_mysql = nullptr;
             continue;
         }
         ADD_FAILURE() << "SQL failed: " << statement << ": " << mysql_error(g_mysql);
         return false;
     }
     do {
-        if (MYSQL_RES *res = mysql_store_result(g_mysql)) {
-            const unsigned n = mysql_num_fields(res);
-            while (MYSQL_ROW r = mysql_fetch_row(res)) {
-                const unsigned long *lens = mysql_fetch_lengths(res);
-                Row row;
-                for (unsigned i = 0; i < n; ++i)
-                    row.push_back(r[i] ? std::optional<std::string>(std::string(r[i], lens[i]))
-                                       : std::nullopt);
-                if (rows) rows->push_back(std::move(row));
-            }
-            mysql_free_result(res);
+        MYSQL_RES *res = mysql_store_result(g_mysql);
+        while (MYSQL_ROW r = res ? mysql_fetch_row(res) : nullptr) {
+            const unsigned long *lens = mysql_fetch_lengths(res);
+            Row row;
+            for (unsigned i = 0; i < mysql_num_fields(res); ++i)
+                row.push_back(r[i] ? std::optional<std::string>(std::string(r[i], lens[i]))
+                                   : std::nullopt);
+            if (rows) rows->push_back(std::move(row));
         }
+        mysql_free_result(res);  // takes null
     } while (mysql_next_result(g_mysql) == 0);
     return true;
 }
@@ -96,12 +93,9 @@ void start_sandbox() {
     if (r.status != 0) ADD_FAILURE() << "sandbox did not start: " << r.out << r.err;
 }
 
-class SandboxEnv : public ::testing::Environment {
+struct SandboxEnv : ::testing::Environment {
     void SetUp() override { ensure_sandbox(); }
 };
-
-std::mutex g_log_mutex;
-std::vector<std::pair<int, std::string>> g_log;  // priority, line
 
 void capture_sink(const char *, int, const char *, int, int priority, const char *message, void *) {
     std::lock_guard lock(g_log_mutex);
@@ -121,9 +115,18 @@ void forget(int id) {
     remove_all(music_dir(id));
 }
 
-std::string log_text() {
+std::string log_text() {  // the sandbox's log file
     return read_file(path("/var/log/quorvex.log")).value_or("");
 }
+
+// Written beside and renamed over: readers only ever see one version whole.
+void replace_file(const std::string &file, const std::string &text) {
+    const std::string tmp = file + ".qxtest." + std::to_string(getpid());
+    put(tmp, text);
+    std::rename(tmp.c_str(), file.c_str());
+}
+
+constexpr time_t kAgedMtime = 1000000000;
 
 }  // namespace
 
@@ -147,13 +150,10 @@ void ensure_sandbox() {
 StoppedDatabase::StoppedDatabase(int sig)
     : pid_(std::atoi(read_file(root() + "/var/sandbox/mysqld.pid").value_or("0").c_str())),
       sig_(sig) {
-    if (pid_ <= 0 || kill(pid_, sig) != 0) {
-        pid_ = 0;
-        return;
-    }
+    if (pid_ <= 0 || kill(pid_, sig) != 0) pid_ = 0;
     // The signal reaches the server's threads asynchronously.
     const std::string stat = "/proc/" + std::to_string(pid_) + "/stat";
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; pid_ > 0 && i < 100; ++i) {
         const std::string text = read_file(stat).value_or("");
         if (text.empty() || text.find(") T ") != std::string::npos) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -195,24 +195,21 @@ long long server_status(const std::string &name) {
 std::string redis(const std::vector<std::string> &argv) {
     std::lock_guard lock(g_mutex);
     if (!g_redis) {
-        timeval tv{2, 0};
-        g_redis = redisConnectUnixWithTimeout(path("/run/redis.sock").c_str(), tv);
-        if (!g_redis || g_redis->err) {
-            ADD_FAILURE() << "cannot connect to the sandbox Redis";
-            redisFree(g_redis);  // takes null
-            return g_redis = nullptr, "(error)";
-        }
-        freeReplyObject(redisCommand(g_redis, "AUTH sandbox"));
-        freeReplyObject(redisCommand(g_redis, "SELECT 1"));
+        g_redis = redisConnectUnixWithTimeout(path("/run/redis.sock").c_str(), timeval{2, 0});
+        if (!g_redis || g_redis->err) ADD_FAILURE() << "cannot connect to the sandbox Redis";
+        for (const char *cmd : {"AUTH sandbox", "SELECT 1"})
+            if (g_redis && !g_redis->err) freeReplyObject(redisCommand(g_redis, cmd));
     }
     std::vector<const char *> args;
     std::vector<size_t> lens;
     for (const auto &a : argv)
         args.push_back(a.data()), lens.push_back(a.size());
-    auto *r = static_cast<redisReply *>(
-        redisCommandArgv(g_redis, static_cast<int>(args.size()), args.data(), lens.data()));
-    if (!r) {  // broken (e.g. the server was restarted): reconnect next time
-        redisFree(g_redis);
+    auto *r = g_redis && !g_redis->err
+                  ? static_cast<redisReply *>(redisCommandArgv(
+                        g_redis, static_cast<int>(args.size()), args.data(), lens.data()))
+                  : nullptr;
+    if (!r) {                // broken (e.g. the server was restarted): reconnect next time
+        redisFree(g_redis);  // takes null
         return g_redis = nullptr, "(error)";
     }
     std::string out = render(r);
@@ -234,10 +231,9 @@ void clear_ids(int base) {
                           "extension_fax_center", "extension_codec_rel"})
         sql(std::string("DELETE FROM ") + t + " WHERE extension_id IN (" + exts + ")");
     sql("DELETE FROM ser_subscriber WHERE username REGEXP '^(" + owners + ")([^0-9]|$)'");
-    sql("DELETE FROM extension WHERE client_id BETWEEN " + range);
-    sql("DELETE FROM client_prefs WHERE client_id BETWEEN " + range);
-    sql("DELETE FROM hs_account WHERE userID BETWEEN " + range);
-    sql("DELETE FROM client WHERE id BETWEEN " + range);
+    for (const char *t : {"extension WHERE client_id", "client_prefs WHERE client_id",
+                          "hs_account WHERE userID", "client WHERE id"})
+        sql(std::string("DELETE FROM ") + t + " BETWEEN " + range);
     for (int id = base; id < base + 10; ++id) {
         const std::string i = std::to_string(id);
         std::stringstream keys(redis({"KEYS", "res:*:ext:" + i + "[^0-9]*"}));
@@ -311,27 +307,17 @@ void put(const std::string &file, const std::string &bytes) {
     std::error_code ec;
     fs::create_directories(fs::path(file).parent_path(), ec);
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out << bytes;
-    if (!out) ADD_FAILURE() << "cannot write " << file;
+    if (!(out << bytes)) ADD_FAILURE() << "cannot write " << file;
 }
 
 std::optional<std::string> read_file(const std::string &file) {
     std::ifstream in(file, std::ios::binary);
-    if (!in) return std::nullopt;
     std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return in && (ss << in.rdbuf(), true) ? std::optional(ss.str()) : std::nullopt;
 }
 
 bool dirty(const std::string &quota_file) {
     return access((quota_file + ".dirty").c_str(), F_OK) == 0;
-}
-
-// Written beside and renamed over: readers only ever see one version whole.
-void replace_file(const std::string &file, const std::string &text) {
-    const std::string tmp = file + ".qxtest." + std::to_string(getpid());
-    put(tmp, text);
-    std::rename(tmp.c_str(), file.c_str());
 }
 
 ConfFile::ConfFile(std::string file, const std::string &text)
@@ -358,9 +344,8 @@ LogCapture::~LogCapture() {
 
 std::vector<std::string> LogCapture::lines() const {
     std::lock_guard lock(g_log_mutex);
-    std::vector<std::string> out;
-    for (const auto &[priority, line] : g_log)
-        out.push_back(line);
+    std::vector<std::string> out(g_log.size());
+    std::transform(g_log.begin(), g_log.end(), out.begin(), [](const auto &l) { return l.second; });
     return out;
 }
 
@@ -379,10 +364,8 @@ RunResult run(const std::vector<std::string> &argv, const std::string &input, in
     int fds[3];
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
-    for (int i = 0; i < 3; ++i) {
-        fds[i] = mkstemp(names[i]);
-        posix_spawn_file_actions_adddup2(&fa, fds[i], i);
-    }
+    for (int i = 0; i < 3; ++i)
+        fds[i] = mkstemp(names[i]), posix_spawn_file_actions_adddup2(&fa, fds[i], i);
     put(names[0], input);
     const size_t log_before = log_text().size();
     std::vector<char *> args;
@@ -392,21 +375,18 @@ RunResult run(const std::vector<std::string> &argv, const std::string &input, in
     pid_t pid;
     const int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
     posix_spawn_file_actions_destroy(&fa);
-    if (rc == 0) {
-        int status = 0;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
-        while (waitpid(pid, &status, WNOHANG) == 0) {
-            if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-        result.out = read_file(names[1]).value_or("");
-        result.err = read_file(names[2]).value_or("");
-        const std::string log = log_text();
-        result.log = log.substr(std::min(log_before, log.size()));
-    } else {
-        result.err = "cannot start " + argv[0];
+    int status = 0;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
+    while (rc == 0 && waitpid(pid, &status, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
+    const std::string log = log_text();
+    if (rc == 0)
+        result = {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+                  read_file(names[1]).value_or(""), read_file(names[2]).value_or(""),
+                  log.substr(std::min(log_before, log.size()))};
+    if (rc != 0) result.err = "cannot start " + argv[0];
     for (int i = 0; i < 3; ++i)
         close(fds[i]), unlink(names[i]);
     return result;
@@ -430,9 +410,8 @@ std::string music_dir(int id) {
 
 void QuotaTree::add(int id, int parent, int level) {
     forget(id);
-    const std::string i = std::to_string(id);
-    if (level == 10) dir[id] = path("/var/lib/quorvexquota/") + i;
-    if (level > 10) dir[id] = dir.at(parent) + "/" + i;
+    if (level == 10) dir[id] = path("/var/lib/quorvexquota/") + std::to_string(id);
+    if (level > 10) dir[id] = dir.at(parent) + "/" + std::to_string(id);
     if (level >= 10) remove_all(dir[id]);
     add_account(id, parent, level);
 }
@@ -452,8 +431,8 @@ std::string QuotaTree::file(int id, int kind) const {
 std::vector<std::string> QuotaTree::files() const {
     std::vector<std::string> out;
     for (const auto &[id, d] : dir)
-        for (const char *kind : kKindFiles)
-            out.push_back(d + "/" + kind + ".quota");
+        for (int k = 0; k < kKinds; ++k)
+            out.push_back(file(id, k));
     return out;
 }
 
@@ -463,8 +442,6 @@ std::map<std::string, std::string> QuotaTree::snapshot() const {
         out[f] = fs::is_regular_file(f) ? read_file(f).value_or("(missing)") : "(missing)";
     return out;
 }
-
-constexpr time_t kAgedMtime = 1000000000;
 
 void QuotaTree::age() const {
     const timespec times[2] = {{kAgedMtime, 0}, {kAgedMtime, 0}};
@@ -484,24 +461,23 @@ std::set<std::string> QuotaTree::rewritten() const {
 std::array<int, 3> QuotaTree::check(const std::map<std::string, std::string> &old) const {
     std::array<int, 3> ways{};
     const auto now = snapshot();
-    for (const auto &[id, values] : usage) {
+    for (const auto &[id, values] : usage)
         for (int k = 0; k < kKinds; ++k) {
             const std::string f = file(id, k);
             const int way = now.at(f) == exact(id, k) ? 0 : dirty(f) ? 2 : 1;
             EXPECT_TRUE(way != 1 || now.at(f) == old.at(f)) << f << " holds " << now.at(f);
             ++ways[way];
         }
-    }
     return ways;
 }
 
 void QuotaTree::expect_exact() const {
-    for (const auto &[id, values] : usage) {
-        for (int k = 0; k < kKinds; ++k) {
-            EXPECT_EQ(read_file(file(id, k)).value_or("(missing)"), exact(id, k)) << file(id, k);
-            EXPECT_FALSE(dirty(file(id, k))) << file(id, k);
-        }
-    }
+    for (const auto &[id, values] : usage)
+        for (int k = 0; k < kKinds; ++k)
+            EXPECT_EQ(
+                std::make_pair(read_file(file(id, k)).value_or("(missing)"), dirty(file(id, k))),
+                std::make_pair(exact(id, k), false))
+                << file(id, k) << " (second: dirty-marked)";
 }
 
 }  // namespace qxtest

@@ -18,8 +18,7 @@ namespace qxtest {
 std::string root();                      // every compiled-in path starts with it
 std::string path(std::string_view rel);  // e.g. path("/etc/quorvex/pbx.conf")
 
-// Starts the sandbox once per binary: static auto *env = qxtest::register_sandbox(), or at
-// once (benchmarks) with ensure_sandbox().
+// Starts the sandbox once per binary (static auto *env = register_sandbox()) or now.
 ::testing::Environment *register_sandbox();
 void ensure_sandbox();
 
@@ -32,9 +31,8 @@ long long sql_int(const std::string &query);       // first column of the first 
 long long server_status(const std::string &name);  // SHOW GLOBAL STATUS, e.g. "Questions"
 std::string redis(const std::vector<std::string> &argv);
 
-// A block of 10 account ids no other test of any binary uses (below 10000 unless a benchmark
-// platform fills that range). A block that comes round again on a long-lived sandbox is cleared
-// first (clear_ids: accounts, extensions and their rows, cache entries, quota and media files).
+// A block of 10 account ids no other test uses (below 10000 unless a benchmark platform fills
+// that range); clear_ids removes what an earlier life of a block left (rows, cache, files).
 int fresh_ids();
 void clear_ids(int base);
 
@@ -52,25 +50,20 @@ std::optional<std::string> read_file(const std::string &path);
 bool dirty(const std::string &quota_file);
 
 // Replaces a file (absolute path) for the scope; readers only ever see one version whole.
-class ConfFile {
-  public:
+struct ConfFile {
     ConfFile(std::string file, const std::string &text);
     ~ConfFile();
     ConfFile(const ConfFile &) = delete;
-    ConfFile &operator=(const ConfFile &) = delete;
 
-  private:
     std::string file_;
     std::optional<std::string> saved_;
 };
 
 // Captures the platform logger's lines (threshold debug) for its lifetime.
-class LogCapture {
-  public:
+struct LogCapture {
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture &) = delete;
-    LogCapture &operator=(const LogCapture &) = delete;
     std::vector<std::string> lines() const;
     bool contains(std::string_view needle) const { return count(needle) > 0; }
     bool contains_at(int priority, std::string_view needle) const {
@@ -89,19 +82,14 @@ RunResult run(const std::vector<std::string> &argv, const std::string &input = "
 RunResult spoolcap(const std::vector<std::string> &args);  // the built spoolcap
 
 // Stops the sandbox's MariaDB with sig (SIGSTOP: hung, SIGKILL: crashed) for its lifetime.
-class StoppedDatabase {
-  public:
+struct StoppedDatabase {
     explicit StoppedDatabase(int sig = SIGSTOP);
     ~StoppedDatabase();
     StoppedDatabase(const StoppedDatabase &) = delete;
-    StoppedDatabase &operator=(const StoppedDatabase &) = delete;
     bool stopped() const { return pid_ > 0; }
 
-  private:
     int pid_, sig_;
 };
-
-// ---- quota-file trees ------------------------------------------------------------------------
 
 constexpr int kKinds = 5;
 constexpr const char *kKindFiles[kKinds] = {"fax", "sound", "recording", "voicemail", "music"};
