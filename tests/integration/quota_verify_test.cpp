@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -124,12 +125,8 @@ TEST_F(QuotaVerify, ReportsTheDeepestLevelAtOrOverItsLimit) {
          {"10239.3", "10240.0", "10240.0"}, false, false, kClient, "10239.3", false},
         {"client below too, reseller full", 3, kOwner, {"10", "20", "30"},
          {"10239.3", "20479.1", "30720.9"}, false, false, kReseller, "10239.3", false},
-        {"every level one byte below", 2, kOwner, {"10", "20", "30"},
-         {"10239.3", "20479.1", "30719.9"}, false, false, kNobody, "10239.3", false},
         {"over the limit counts as full", 4, kOwner, {"10", "10", "10"},
          {"999999.0", "999999.0", "999999.0"}, false, false, kOwner, "999999.0", false},
-        {"a dirty owner is within limits", 2, kOwner, {"10", "10"},
-         {"99999.0", "10239.0", "99999.0"}, true, false, kNobody, "99999.0", true},
         {"a dirty owner hands over to the client", 2, kOwner, {"10", "10"},
          {"99999.0", "10240.0", "0.0"}, true, false, kClient, "99999.0", true},
         {"2 GiB wraps negative in 32 bits", 2, kOwner, {"10", "10", "10"},
@@ -213,56 +210,45 @@ TEST_F(QuotaVerify, BadKindsUnknownAccountsAndTheRoot) {
     EXPECT_FALSE(fs::exists(t.dir.at(t.id[kReseller])));
 }
 
+// The account's file and every ancestor's get the delta. A lock held elsewhere on the owner's
+// file costs the caller its wait (a negative one meaning 30 ms, one try per 10 ms step) and
+// leaves that file marked dirty and untouched; the ancestors are updated all the same.
 TEST_F(QuotaVerify, UpdateWritesTheAccountAndEveryAncestor) {
     const struct {
         Who account;
         long long delta;
-        const char *record;  // of every file written: the account's and its ancestors'
-    } rows[] = {{kOwner, -4096, "0.1"}, {kClient, 77, "77.1"}, {kReseller, 0, "0.1"}};
+        int wait, tries;     // tries: -1 for no lock held
+        const char *record;  // of every file written but a locked one
+    } rows[] = {{kOwner, -4096, 30, -1, "0.1"},    {kClient, 77, 30, -1, "77.1"},
+                {kReseller, 0, 30, -1, "0.1"},     {kOwner, 25, -1, 4, "525.2"},
+                {kOwner, 25, -100000, 4, "525.2"}, {kOwner, 25, 30, 4, "525.2"},
+                {kOwner, 25, 0, 1, "525.2"},       {kOwner, 25, 19, 2, "525.2"},
+                {kOwner, 25, 50, 6, "525.2"}};
     for (const auto &row : rows) {
-        SCOPED_TRACE(std::to_string(row.account) + " delta " + std::to_string(row.delta));
+        SCOPED_TRACE(std::to_string(row.account) + " wait " + std::to_string(row.wait));
         const Tree t = new_tree();
+        std::optional<HeldLock> lock;
+        if (row.tries >= 0) {
+            ASSERT_EQ(quota_update(t.id[kOwner], kRecording, 500, 30), 0);
+            ASSERT_TRUE(lock.emplace(t.rec(kOwner)).locked);
+        }
+        g_refused_locks = 0;
         // The engine decides the modes of what it creates, not its caller's umask.
         const mode_t caller_umask = umask(077);
-        EXPECT_EQ(quota_update(t.id[row.account], kRecording, row.delta, 30), 0);
+        EXPECT_EQ(quota_update(t.id[row.account], kRecording, row.delta, row.wait), 0);
         EXPECT_EQ(umask(caller_umask), 077) << "the caller's umask is given back";
+        EXPECT_EQ(g_refused_locks, std::max(row.tries, 0));
         for (Who w : {kOwner, kClient, kReseller})
-            EXPECT_EQ(t.read(w),
-                      w >= row.account ? std::optional<std::string>(row.record) : std::nullopt);
+            EXPECT_EQ(t.read(w), lock && w == kOwner ? "500.1"
+                                 : w >= row.account  ? std::optional<std::string>(row.record)
+                                                     : std::nullopt);
+        EXPECT_EQ(dirty(t.rec(kOwner)), lock.has_value());
         struct stat file = {}, dir = {};
         ASSERT_EQ(
             stat(t.rec(kReseller).c_str(), &file) | stat(t.dir.at(t.id[kReseller]).c_str(), &dir),
             0);
         EXPECT_EQ(std::make_pair(file.st_mode & 07777, dir.st_mode & 07777),
                   std::make_pair(0660u, 0770u));
-        if (getuid() == 0) {
-            EXPECT_EQ(std::make_pair(dir.st_uid, dir.st_gid),
-                      std::make_pair(getpwnam("asterisk")->pw_uid, getgrnam("asterisk")->gr_gid));
-        }
-    }
-}
-
-// A lock held elsewhere on the owner's file costs the caller its wait (a negative one meaning
-// 30 ms, one try per 10 ms step), leaves that file marked dirty and untouched, and does not keep
-// the ancestors from being updated.
-TEST_F(QuotaVerify, UpdateTriesALockForItsWaitThenMarksTheFileDirty) {
-    const struct {
-        int wait, tries;
-    } rows[] = {{-1, 4}, {-100000, 4}, {30, 4}, {0, 1}, {19, 2}, {50, 6}};
-    for (const auto &row : rows) {
-        SCOPED_TRACE("wait " + std::to_string(row.wait));
-        const Tree t = new_tree();
-        put(t.rec(kOwner), "500.2");
-        ASSERT_EQ(quota_update(t.id[kOwner], kRecording, 0, 30), 0);  // ancestors at 0.1
-        HeldLock lock(t.rec(kOwner));
-        ASSERT_TRUE(lock.locked);
-        g_refused_locks = 0;
-        EXPECT_EQ(quota_update(t.id[kOwner], kRecording, 25, row.wait), 0);
-        EXPECT_EQ(g_refused_locks, row.tries);
-        EXPECT_EQ(t.read(kOwner), "500.2");
-        EXPECT_TRUE(dirty(t.rec(kOwner)));
-        EXPECT_EQ(t.read(kClient), "25.2");
-        EXPECT_EQ(t.read(kReseller), "25.2");
     }
 }
 
