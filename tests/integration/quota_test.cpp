@@ -6,12 +6,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <optional>
-#include <set>
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "quota.h"
 #include "qxtest.hpp"
@@ -77,11 +71,8 @@ TEST_F(QuotaRefresh, ReadsBackValuesAndRevisions) {
     const struct {
         int account, kind, result;
         long long first;  // the first value read
-    } rows[] = {{t.owner1, 2, 0, 2000},
-                {t.client2, 5, 0, 0},
-                {t.root, 5, -1, 0},
-                {t.unknown, 5, -2, 0},
-                {t.owner1, 6, -1, 0}};
+    } rows[] = {
+        {t.owner1, 2, 0, 2000}, {t.root, 5, -1, 0}, {t.unknown, 5, -2, 0}, {t.owner1, 6, -1, 0}};
     for (const auto &row : rows) {
         values = {};
         EXPECT_EQ(quota_read_sql(row.account, row.kind, values.data(), nullptr), row.result)
@@ -142,8 +133,7 @@ TEST_F(QuotaRefresh, ForceDepthCountsLevelsBelowTheTarget) {
         {t.reseller, 10, "1500.0", "1800.0", "1800.0"},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE("target " + std::to_string(row.target) + " force " +
-                     std::to_string(row.force));
+        SCOPED_TRACE("force " + std::to_string(row.force));
         ASSERT_EQ(quota_update_slow(row.target, 0, nullptr, row.force), 0);
         EXPECT_EQ(t.record(t.owner1, 0), row.owner1);
         EXPECT_EQ(t.record(t.client, 0), row.client);
@@ -214,8 +204,7 @@ TEST_F(QuotaRefresh, ListsMediaDirectoriesByKindAndLevel) {
         {6, 100, u1.c_str(), -1, {}},
     };
     for (const auto &row : rows) {
-        SCOPED_TRACE("kind " + std::to_string(row.kind) + " level " + std::to_string(row.level) +
-                     " owner " + (row.owner ? row.owner : "(null)"));
+        SCOPED_TRACE(testing::Message() << row.kind << " " << row.level << " " << row.owner);
         char **paths = nullptr;
         int count = 0;
         EXPECT_EQ(make_dpath(row.kind, row.level, r.c_str(), c.c_str(), row.owner, &paths, &count),
