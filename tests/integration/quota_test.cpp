@@ -59,7 +59,7 @@ class QuotaRefresh : public ::testing::Test {
     }
 };
 
-TEST_F(QuotaRefresh, ReadsBackValuesAndRevisions) {
+TEST_F(QuotaRefresh, ReadsBackValuesThenForceDepthCountsLevelsBelowTheTarget) {
     const Tree t;
     ASSERT_EQ(quota_update_slow(t.reseller, 5, nullptr, 0), 0);
     ASSERT_EQ(quota_update(t.owner2, 3, 30, 30), 0);  // revision 1 along owner2's ancestry
@@ -84,6 +84,24 @@ TEST_F(QuotaRefresh, ReadsBackValuesAndRevisions) {
     ASSERT_EQ(quota_read(t.client2, t.reseller, 0, 5, values.data(), nullptr), 0);
     EXPECT_EQ(values, (Usage{-1, 0, 0, 0, 64}));
     EXPECT_EQ(quota_read(t.owner1, 0, t.reseller, 5, values.data(), nullptr), -1);
+
+    // A client sums its users' files; it never asks the database for their rows itself.
+    put(t.file(t.owner1, 0), "999.0");
+    const struct {
+        int target, force;
+        const char *owner1, *client, *reseller;  // fax records afterwards
+    } depths[] = {
+        {t.client, 1, "999.0", "1299.0", "1800.0"},
+        {t.reseller, 2, "999.0", "1299.0", "1299.0"},
+        {t.reseller, 10, "1500.0", "1800.0", "1800.0"},
+    };
+    for (const auto &row : depths) {
+        SCOPED_TRACE("force " + std::to_string(row.force));
+        ASSERT_EQ(quota_update_slow(row.target, 0, nullptr, row.force), 0);
+        EXPECT_EQ(t.record(t.owner1, 0), row.owner1);
+        EXPECT_EQ(t.record(t.client, 0), row.client);
+        EXPECT_EQ(t.record(t.reseller, 0), row.reseller);
+    }
 }
 
 TEST_F(QuotaRefresh, UnforcedRefreshRecomputesOnlyFilesThatNeedIt) {
@@ -117,28 +135,6 @@ TEST_F(QuotaRefresh, UnforcedRefreshRecomputesOnlyFilesThatNeedIt) {
     EXPECT_EQ(t.rewritten(), recomputed);
     for (const auto &f : t.files())
         EXPECT_FALSE(qxtest::dirty(f)) << f;
-}
-
-TEST_F(QuotaRefresh, ForceDepthCountsLevelsBelowTheTarget) {
-    const Tree t;
-    ASSERT_EQ(quota_update_slow(t.reseller, 5, nullptr, 0), 0);
-    // A client sums its users' files; it never asks the database for their rows itself.
-    put(t.file(t.owner1, 0), "999.0");
-    const struct {
-        int target, force;
-        const char *owner1, *client, *reseller;  // fax records afterwards
-    } rows[] = {
-        {t.client, 1, "999.0", "1299.0", "1800.0"},
-        {t.reseller, 2, "999.0", "1299.0", "1299.0"},
-        {t.reseller, 10, "1500.0", "1800.0", "1800.0"},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE("force " + std::to_string(row.force));
-        ASSERT_EQ(quota_update_slow(row.target, 0, nullptr, row.force), 0);
-        EXPECT_EQ(t.record(t.owner1, 0), row.owner1);
-        EXPECT_EQ(t.record(t.client, 0), row.client);
-        EXPECT_EQ(t.record(t.reseller, 0), row.reseller);
-    }
 }
 
 TEST_F(QuotaRefresh, HandlesOnlyTheKindsAskedFor) {

@@ -115,7 +115,6 @@ class Storage : public ::testing::Test {
     void TearDown() override {
         qx_storage_unregister_api();
         qx_storage_cleanup();
-        g_service = nullptr;
         qxtest::clear_ids(ids_);
         // Queue members and cached objects all carry the owner ids.
         const std::string mine = "/" + std::to_string(ids_) + "/";
@@ -230,8 +229,10 @@ TEST_F(Storage, TemporaryNamesAreSixteenDrawnCharactersAndTheCutExtension) {
         ASSERT_EQ(name.size(), 16 + std::strlen(suffix)) << name;
         EXPECT_EQ(name.substr(16), suffix);
         EXPECT_EQ(name.substr(0, 16).find_first_not_of(kAlphabet), std::string::npos) << name;
-        EXPECT_TRUE(fs::exists(qx_storage_get_temp_file(s)));
+        const std::string temp = qx_storage_get_temp_file(s);
+        EXPECT_TRUE(fs::exists(temp));
         qx_storage_release_session(s);
+        EXPECT_FALSE(fs::exists(temp)) << "the uncommitted temporary file outlived its session";
     }
 
     // Names are drawn with rand(): four taken names make the fifth draw, five fail the session.
@@ -279,7 +280,6 @@ TEST_F(Storage, ReleasingFreesTheSessionExactlyOnce) {
     ASSERT_NE(s, nullptr);
     char tag[64];
     std::snprintf(tag, sizeof tag, "Storage session [%p] destroyed.", static_cast<void *>(s));
-    const std::string temp = qx_storage_get_temp_file(s);
     // References taken and given back from several threads at once.
     std::vector<std::thread> pool;
     for (int t = 0; t < 4; ++t)
@@ -289,11 +289,9 @@ TEST_F(Storage, ReleasingFreesTheSessionExactlyOnce) {
         });
     for (auto &t : pool)
         t.join();
-    EXPECT_EQ(log.count(tag), 0u);
-    EXPECT_TRUE(fs::exists(temp)) << "destroyed while still referenced";
+    EXPECT_EQ(log.count(tag), 0u) << "destroyed while still referenced";
     qx_storage_release_session(s);
     EXPECT_EQ(log.count(tag), 1u);
-    EXPECT_FALSE(fs::exists(temp)) << "the uncommitted temporary file outlived its session";
 }
 
 // A commit caches the file and queues one upload; deletions queue members for the object and
