@@ -126,7 +126,6 @@ constexpr long long kLevelFactor = 10000000;
 
 constexpr mode_t kFileMode = 0660;
 constexpr mode_t kDirMode = 0770;
-constexpr mode_t kEngineUmask = 007;
 constexpr size_t kRecordMax = 31;    // a record never exceeds this many bytes
 constexpr int kRevisionLimit = 999;  // fast updates allowed before a refresh recomputes
 constexpr int kDefaultWait = 30;     // ms a fast update may wait for a lock
@@ -136,19 +135,6 @@ constexpr unsigned kIdWidth = 4;
 constexpr int kMaxClimb = 16;  // a healthy tree is four levels deep
 
 // ---- small helpers ---------------------------------------------------------------------------
-
-// Engine entry points create files meant for the whole asterisk group, whatever the caller's
-// umask is.
-class UmaskGuard {
-  public:
-    UmaskGuard() : old_(::umask(kEngineUmask)) {}
-    ~UmaskGuard() { ::umask(old_); }
-    UmaskGuard(const UmaskGuard &) = delete;
-    UmaskGuard &operator=(const UmaskGuard &) = delete;
-
-  private:
-    mode_t old_;
-};
 
 template <typename R, typename F>
 R guarded(R fallback, F &&body) noexcept {
@@ -1266,7 +1252,7 @@ int look_up(int account_id, Target &t) {
 
 int slow_refresh(int account_id, int kind, long long *total, int force, long long *scratch) {
     if (kind < 0 || kind > kKindAll) return -1;
-    UmaskGuard umask_guard;
+    qx::refresh::UmaskGuard umask_guard;
 
     Target t;
     const int rc = look_up(account_id, t);
@@ -1572,7 +1558,7 @@ int fast_update(int kind, long long delta, int wait, int reseller_id, int client
 int update(int account_id, int kind, long long delta, int wait) {
     if (!valid_kind(kind)) return -1;
     if (wait < 0) wait = kDefaultWait;
-    UmaskGuard umask_guard;
+    qx::refresh::UmaskGuard umask_guard;
     Ancestry a;
     {
         qx::SessionGuard sess;

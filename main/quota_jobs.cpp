@@ -43,7 +43,6 @@ constexpr char kWorkerFmt[] = "%s:%d:refresh worker %d %s %d\n";
 constexpr char kNoWorkerFmt[] = "%s:%d:no refresh worker could be started: %s\n";
 constexpr char kLostCause[] = "its refresh worker died";
 constexpr char kUnservedCause[] = "no refresh worker was left to take it";
-constexpr mode_t kEngineUmask = 007;
 // With fewer units than this per worker, the grandchildren of the targets become units too.
 constexpr size_t kUnitsPerWorker = 8;
 constexpr int kMaxJobs = 256;
@@ -328,18 +327,6 @@ void refresh_in_turn(const int *accounts, int count, int kind, int force, int *r
         results[i] = quota_update_slow(accounts[i], kind, nullptr, force);
 }
 
-// Files are created for the asterisk group whatever the caller's umask, in every worker.
-class UmaskScope {
-  public:
-    UmaskScope() : old_(::umask(kEngineUmask)) {}
-    ~UmaskScope() { ::umask(old_); }
-    UmaskScope(const UmaskScope &) = delete;
-    UmaskScope &operator=(const UmaskScope &) = delete;
-
-  private:
-    mode_t old_;
-};
-
 }  // namespace
 
 extern "C" int quota_update_slow_jobs(const int *accounts, int count, int kind, int force, int jobs,
@@ -352,7 +339,7 @@ extern "C" int quota_update_slow_jobs(const int *accounts, int count, int kind, 
         return 0;
     }
     try {
-        UmaskScope umask_scope;
+        qx::refresh::UmaskGuard umask_guard;
         Refresh refresh(accounts, count, kind, force, results);
         if (!refresh.plan(static_cast<size_t>(jobs))) {
             refresh_in_turn(accounts, count, kind, force, results);

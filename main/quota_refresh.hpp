@@ -2,11 +2,26 @@
 // (quota_jobs) hands to its worker processes. Not part of the library's C API.
 #pragma once
 
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace qx::refresh {
+
+// Engine entry points create files meant for the whole asterisk group, whatever the caller's
+// umask is; the parallel refresh sets the same umask around its workers.
+class UmaskGuard {
+  public:
+    UmaskGuard() : old_(::umask(007)) {}
+    ~UmaskGuard() { ::umask(old_); }
+    UmaskGuard(const UmaskGuard &) = delete;
+    UmaskGuard &operator=(const UmaskGuard &) = delete;
+
+  private:
+    mode_t old_;
+};
 
 // One account as the sequential walk would reach it: the id texts it passes down (a target's
 // own id is padded, its descendants' are the database's), its quota directory and force depth.
