@@ -376,9 +376,11 @@ int read_record(int fd, long long *value, int *revision, ReadUntil until = ReadU
 // Writes the record over the old one and then cuts the file to its length. Truncating to zero
 // first would make ext4 start writeback at close (costly on every fast update) and would let an
 // unlocked reader see an empty file; this way a reader always finds the new value before the
-// first '.'. Writers hold the file's lock, so the end state is the same. Returns the record's
-// length, or -1.
-int write_record(int fd, long long value, int revision) {
+// first '.'. Writers hold the file's lock, so the end state is the same. old_size: the file's
+// length as seen under that lock, when known; a record at least as long needs no cut, and a cut
+// costs a journal transaction on ext4 even when it changes nothing. Returns the record's length,
+// or -1.
+int write_record(int fd, long long value, int revision, off_t old_size = -1) {
     char buf[kRecordMax + 1];
     int len = std::snprintf(buf, sizeof buf, kRecordFmt, value, revision);
     if (len < 1 || static_cast<size_t>(len) > kRecordMax) {
@@ -402,7 +404,8 @@ int write_record(int fd, long long value, int revision) {
         }
         done += static_cast<size_t>(n);
     }
-    if (::ftruncate(fd, static_cast<off_t>(total)) != 0) return -1;
+    const bool longer_before = old_size < 0 || old_size > static_cast<off_t>(total);
+    if (longer_before && ::ftruncate(fd, static_cast<off_t>(total)) != 0) return -1;
     return static_cast<int>(total);
 }
 
@@ -598,6 +601,50 @@ bool batched_sum(int kind, const char *id, const char *parent_id, long long &sum
     sum = at == b.sums.end() ? 0 : at->second[kind];
     return true;
 }
+
+// ---- quota files a walk has just settled -----------------------------------------------------
+
+// The quota files one walk has just written, or found clean and current, with the values they
+// hold: a parent sums its children from here instead of opening every child file again, which
+// is most of the file work of a refresh. A file is listed only once its dirty mark is known to
+// be gone, so such a sum is as exact as one over the files read back. The entries of an
+// account's children are dropped once the account's own files are done, and the whole list at
+// the end of the walk.
+struct FreshFiles {
+    std::unordered_map<std::string, long long> values;
+    std::vector<std::string> order;
+
+    void add(const std::string &path, long long value) {
+        if (values.insert_or_assign(path, value).second) order.push_back(path);
+    }
+    const long long *find(const std::string &path) const {
+        const auto at = values.find(path);
+        return at == values.end() ? nullptr : &at->second;
+    }
+    void forget(size_t from, size_t to) {
+        to = std::min(to, order.size());
+        if (from >= to) return;
+        for (size_t i = from; i < to; ++i)
+            values.erase(order[i]);
+        order.erase(order.begin() + static_cast<std::ptrdiff_t>(from),
+                    order.begin() + static_cast<std::ptrdiff_t>(to));
+    }
+};
+
+// Per thread: telephony processes may refresh from several threads at once.
+FreshFiles &fresh_files() {
+    thread_local FreshFiles files;
+    return files;
+}
+
+// One top-level walk: nothing it settled outlives it, since later callers may find the files
+// changed.
+struct FreshScope {
+    FreshScope() = default;
+    FreshScope(const FreshScope &) = delete;
+    FreshScope &operator=(const FreshScope &) = delete;
+    ~FreshScope() { fresh_files().forget(0, SIZE_MAX); }
+};
 
 // ---- usage on disk ---------------------------------------------------------------------------
 
@@ -947,6 +994,10 @@ int child_sum(const char *id, int kind, const char *dir, AccountDir &account_dir
             return -1;
         }
         std::string path = qx::format(kChildFileFmt, dir, to_int(child->c_str()), kKindNames[kind]);
+        if (const long long *fresh = fresh_files().find(path)) {
+            if (*fresh >= 0) sum = saturating_add(sum, *fresh);
+            continue;
+        }
         const char *name = nullptr;
         const int at = account_dir.at(path, name);
         qx::UniqueFd fd = open_regular(name, O_RDONLY, 0, at);
@@ -990,7 +1041,9 @@ bool write_quota(const std::string &path, long long value, int revision, bool &o
     // The record is written even without the lock: a refresh must not leave a stale value. The
     // lock goes with the descriptor, closed on return, with no unlock call of its own.
     (void)lock_blocking(fd.get());
-    const bool written = write_record(fd.get(), value, revision) >= 0;
+    struct stat st;
+    const off_t old_size = ::fstat(fd.get(), &st) == 0 ? st.st_size : -1;
+    const bool written = write_record(fd.get(), value, revision, old_size) >= 0;
     if (!written) {
         const int err = errno;
         log_file_error(__LINE__, "write quota file", path, err);
@@ -1081,7 +1134,10 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
     AccountDir account_dir(dir);
     for (int k = first; k <= last; ++k) {
         const std::string path = kind_file(dir, k);
-        if (force < 1 && account_dir.clean_and_current(path, current)) continue;
+        if (force < 1 && account_dir.clean_and_current(path, current)) {
+            fresh_files().add(path, current);
+            continue;
+        }
 
         std::string cause;
         long long own = 0;
@@ -1119,7 +1175,8 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
         const char *name = nullptr;
         const int at = dirs_ready ? account_dir.at(path, name) : AT_FDCWD;
         if (dirs_ready && write_quota(path, current, 0, opened, at, name)) {
-            ::unlinkat(at, dirty_mark(name).c_str(), 0);
+            if (::unlinkat(at, dirty_mark(name).c_str(), 0) == 0 || errno == ENOENT)
+                fresh_files().add(path, current);
         } else {
             ++faults.count;
         }
@@ -1150,6 +1207,12 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
     }
     if (dir.back() != '/') dir.push_back('/');
     const size_t child_at = dir.size();
+    // The children's settled files serve this account's sums only.
+    struct ForgetChildren {
+        size_t from;
+        size_t to = SIZE_MAX;
+        ~ForgetChildren() { fresh_files().forget(from, to); }
+    } forget_children{fresh_files().order.size()};
 
     // Children first, so that this account sums the values they have just written.
     if (level <= kLevelWithChildren) {
@@ -1197,6 +1260,7 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
         }
     }
     dir.resize(base);
+    forget_children.to = fresh_files().order.size();
     return refresh_own_files(id, parent_id, grandparent_id, level, kind, dir, force, current,
                              faults);
 }
@@ -1258,6 +1322,7 @@ int slow_refresh(int account_id, int kind, long long *total, int force, long lon
     const int rc = look_up(account_id, t);
     if (rc != 0) return rc;
     RefreshFaults faults;
+    FreshScope scope;
     // Only lookup failures are the caller's business; a walk that stops early still ran,
     // unless the node asked for every fault to count.
     walk_subtree(t.id.get(), t.parent_str.get(), t.grandparent_str.get(), t.level, kind, t.dir,
@@ -1316,6 +1381,7 @@ bool children_of(const Account &account, std::vector<Account> &out) {
 
 int walk(const Account &account, int kind) {
     RefreshFaults faults;
+    FreshScope scope;
     std::string dir = account.dir;
     long long scratch = 0;
     walk_subtree(text_or_null(account.id), text_or_null(account.parent),
@@ -1326,6 +1392,7 @@ int walk(const Account &account, int kind) {
 
 int refresh_own(const Account &account, int kind) {
     RefreshFaults faults;
+    FreshScope scope;
     long long current = 0;
     refresh_own_files(text_or_null(account.id), text_or_null(account.parent),
                       text_or_null(account.grandparent), account.level, kind, account.dir,
