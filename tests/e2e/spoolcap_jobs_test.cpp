@@ -1,6 +1,6 @@
 // Refreshes spread over worker processes (QUOTA_REFRESH_JOBS): the same files, marks, report and
 // status as one process, a dead worker never leaves a trusted wrong file, and fast updates racing
-// a parallel refresh are repaired by the next one.
+// refreshes (parallel ones, or two at once) are repaired by the next one.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/file.h>
@@ -23,81 +23,55 @@ static auto *env = qxtest::register_sandbox();
 
 namespace {
 
-// local.conf with QUOTA_REFRESH_JOBS for the scope; the old text comes back afterwards.
-struct Jobs {
-    const std::string path = qxtest::path("/etc/quorvex/local.conf");
-    const std::string saved = *qxtest::read_file(path);
-    explicit Jobs(const std::string &n) {
-        std::ofstream(path) << saved << "QUOTA_REFRESH_JOBS " << n;
-    }
-    ~Jobs() { std::ofstream(path) << saved; }
-};
+// local.conf with QUOTA_REFRESH_JOBS for the scope.
+qxtest::ConfFile jobs(const std::string &n) {
+    const std::string file = qxtest::path("/etc/quorvex/local.conf");
+    return qxtest::ConfFile(file, *qxtest::read_file(file) + "QUOTA_REFRESH_JOBS " + n);
+}
 
 // Every quota file and mark under the two resellers: path -> content ("" for a mark).
 using Files = std::map<std::string, std::string>;
 
 // A big reseller holding most accounts (3 clients x 4 users) and a small one with one client and
 // one user; the big reseller and the small client are the targets, so a client is one too.
-struct Tree {
-    int base[2] = {qxtest::fresh_ids(), qxtest::fresh_ids()};
-    int big = 0, small = 0, small_client = 0;
-    std::vector<int> users;
+struct Tree : qxtest::QuotaTree {
+    std::vector<int> ids, users;  // the root, the big reseller (1), the small one (17) and client
     Tree() {
-        int next = base[0];
-        auto id = [&] { return next == base[0] + 10 ? (next = base[1] + 1) - 1 : next++; };
-        const std::string varlib = qxtest::path("/var/lib/asterisk");
-        auto add = [&](int parent, int level) {
-            const int a = id();
-            qxtest::add_account(a, parent, level);
-            qxtest::write_file(varlib + "/sounds/." + std::to_string(a) + "/s", 100 + a % 7);
-            qxtest::write_file(varlib + "/music/" + std::to_string(a) + "/m", 10 * (a % 5));
-            if (level == 100) {
-                const std::string num = std::to_string(a);
-                const int ext = qxtest::add_extension(a, num, "0" + num + "*1");
-                qxtest::add_db_file("extension_recording", ext, 1000 + a);
-                users.push_back(a);
-            }
+        for (int b : {qxtest::fresh_ids(), qxtest::fresh_ids()})
+            for (int i = 0; i < 10; ++i)
+                ids.push_back(b + i);
+        int next = 1;
+        auto grow = [&](int parent, int level) {
+            const int a = ids[next++];
+            add(a, parent, level);
+            qxtest::write_file(qxtest::sounds_dir(a) + "/s", 100 + a % 7);
+            qxtest::write_file(qxtest::music_dir(a) + "/m", 10 * (a % 5));
+            if (level == 100) users.push_back(a), ext(a, 1, {{"extension_recording", 1000 + a}});
             return a;
         };
-        const int root = id();
-        qxtest::add_account(root, 0, 0);
-        big = add(root, 10);
-        for (int c = 0; c < 3; ++c) {
-            const int client = add(big, 50);
-            for (int u = 0; u < 4; ++u)
-                add(client, 100);
-        }
-        small = add(root, 10);
-        small_client = add(small, 50);
-        add(small_client, 100);
-    }
-    ~Tree() {
-        for (int b : base)
-            qxtest::clear_ids(b);
-    }
-    std::vector<std::string> dirs() const {
-        const std::string q = qxtest::path("/var/lib/quorvexquota/");
-        return {q + std::to_string(big), q + std::to_string(small)};
+        add(ids[0], 0, 0);
+        const int big = grow(ids[0], 10);
+        for (int c = 0; c < 3; ++c)
+            for (int u = 0, client = grow(big, 50); u < 4; ++u)
+                grow(client, 100);
+        grow(grow(grow(ids[0], 10), 50), 100);
     }
     Files files() const {
         Files out;
-        for (const std::string &d : dirs())
-            if (fs::exists(d))
-                for (const auto &e : fs::recursive_directory_iterator(d))
-                    if (e.is_regular_file()) out[e.path()] = *qxtest::read_file(e.path());
+        for (int top : {ids[1], ids[17]})
+            for (const auto &e : fs::recursive_directory_iterator(dir.at(top)))
+                if (e.is_regular_file()) out[e.path()] = *qxtest::read_file(e.path());
         return out;
     }
     void restore(const Files &files) const {
-        for (const std::string &d : dirs())
-            fs::remove_all(d);
-        for (const auto &[path, text] : files) {
-            fs::create_directories(fs::path(path).parent_path());
-            std::ofstream(path) << text;
-        }
+        for (int top : {ids[1], ids[17]})
+            fs::remove_all(dir.at(top));
+        for (const auto &[path, text] : files)
+            qxtest::put(path, text);
     }
     qxtest::RunResult refresh(bool force = true) const {
-        const std::string ids = std::to_string(big) + "," + std::to_string(small_client);
-        return qxtest::spoolcap({"-A", "set", "-u", ids, force ? "-f" : "-h"});
+        const std::string targets = std::to_string(ids[1]) + "," + std::to_string(ids[18]);
+        return qxtest::spoolcap({"-A", "set", "-u", targets, force ? "-f" : "-h"});
     }
 };
 
@@ -129,7 +103,7 @@ TEST(SpoolcapJobs, WorkersLeaveWhatOneProcessLeaves) {
     for (const Case &c : cases) {
         SCOPED_TRACE(c.why);
         t.restore(start);
-        Jobs jobs(c.jobs);
+        auto scope = jobs(c.jobs);
         const qxtest::RunResult r = t.refresh(c.force);
         EXPECT_EQ(r.status, 0) << r.err;
         auto [it, first] = reference.try_emplace(c.force, t.files(), r);
@@ -161,7 +135,7 @@ TEST(SpoolcapJobs, KilledWorkerFailsItsTargetAndLeavesNoTrustedWrongFile) {
     struct stat st;
     ASSERT_EQ(::fstat(fd, &st), 0);
 
-    Jobs jobs("2");
+    auto scope = jobs("2");
     qxtest::RunResult r;
     std::thread run([&] { r = t.refresh(); });
     // The waiter on our lock is the worker walking that user's client.
@@ -186,49 +160,56 @@ TEST(SpoolcapJobs, KilledWorkerFailsItsTargetAndLeavesNoTrustedWrongFile) {
         const std::string now = after.count(path) ? after.at(path) : "(missing)";
         EXPECT_TRUE(now == text || now == before.at(path) || dirty) << path << ": " << now;
     }
-    const std::string big_fax = t.dirs()[0] + "/fax.quota";
-    EXPECT_TRUE(after.count(big_fax + ".dirty")) << "the reseller's sum would be over stale files";
+    EXPECT_TRUE(after.count(t.file(t.ids[1], 0) + ".dirty")) << "a sum over stale files";
 
     ASSERT_EQ(t.refresh().status, 0);
     EXPECT_EQ(t.files(), exact);
 }
 
-// Fast updates from other processes while workers refresh: nothing corrupt, and one more refresh
-// makes every file exact.
+// Fast updates from other processes (each its own pool, as telephony processes) while forced
+// refreshes run: every file stays a record or is marked, and one more refresh makes each exact.
 TEST(SpoolcapJobs, FastUpdatesRacingWorkersAreRepairedByTheNextRefresh) {
-    Tree t;
-    ASSERT_EQ(t.refresh().status, 0);
-    const Files exact = t.files();
-    Jobs jobs("2");
-    std::vector<pid_t> updaters;
-    for (size_t i = 0; i < 3; ++i) {
-        const pid_t pid = ::fork();
-        if (pid == 0) {
+    for (const auto &[n, at_once, why] :
+         {std::tuple{"2", 1, "workers of one refresh share the tree"},
+          {"1", 2, "two refreshes at once, one process each"}}) {
+        SCOPED_TRACE(why);
+        Tree t;
+        ASSERT_EQ(t.refresh().status, 0);
+        const Files exact = t.files();
+        auto scope = jobs(n);
+        std::vector<pid_t> updaters(4);
+        for (size_t i = 0; i < updaters.size(); ++i) {
+            if ((updaters[i] = ::fork()) != 0) continue;
             qx_sql_pool_init();
             // The big reseller's users: the small reseller's own files are no target's.
-            for (int n = 0; n < 150; ++n)
-                quota_update(t.users[(i * 5 + n) % 12], n % 5, 64, 5);
+            for (int n = 0; n < 200; ++n)
+                quota_update(t.users[(i * 5 + n) % 12], n % 5, n % 2 ? 7 : -3, n % 3 ? 30 : 5);
             ::_exit(0);
         }
-        updaters.push_back(pid);
+        std::vector<std::thread> runs;
+        for (int r = 0; r < at_once; ++r)
+            runs.emplace_back([&] {
+                for (int n = 0; n < 3; ++n)
+                    EXPECT_EQ(t.refresh().status, 0);
+            });
+        for (auto &run : runs)
+            run.join();
+        for (pid_t pid : updaters) {
+            int status = 0;
+            ::waitpid(pid, &status, 0);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        }
+        for (const auto &[path, text] : t.files()) {
+            // <value>.<revision>, both digits: a value below zero or a torn record is no record.
+            const size_t dot = text.find_first_not_of("0123456789");
+            EXPECT_TRUE(path.ends_with(".dirty") || fs::exists(path + ".dirty") ||
+                        (dot > 0 && dot < text.size() && text[dot] == '.' &&
+                         text.find_first_not_of("0123456789", dot + 1) == std::string::npos))
+                << path << ": " << text;
+        }
+        ASSERT_EQ(t.refresh().status, 0);
+        EXPECT_EQ(t.files(), exact);
     }
-    for (int n = 0; n < 3; ++n)
-        EXPECT_EQ(t.refresh().status, 0);
-    for (pid_t pid : updaters) {
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    }
-    for (const auto &[path, text] : t.files()) {
-        if (!path.ends_with(".quota")) continue;
-        long long value;
-        int revision, end = 0;
-        const bool valid = std::sscanf(text.c_str(), "%lld.%d%n", &value, &revision, &end) == 2 &&
-                           end == static_cast<int>(text.size());
-        EXPECT_TRUE(valid || fs::exists(path + ".dirty")) << path << ": " << text;
-    }
-    ASSERT_EQ(t.refresh().status, 0);
-    EXPECT_EQ(t.files(), exact);
 }
 
 }  // namespace

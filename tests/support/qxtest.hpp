@@ -15,20 +15,18 @@
 
 namespace qxtest {
 
-std::string root();                      // every compiled-in path starts with it
-std::string path(std::string_view rel);  // e.g. path("/etc/quorvex/pbx.conf")
+// Every compiled-in path starts with the build's root, e.g. path("/etc/quorvex/pbx.conf").
+std::string path(std::string_view rel);
 
-// Starts the sandbox once per binary (static auto *env = register_sandbox()) or now.
+// Starts the sandbox once per binary: static auto *env = register_sandbox().
 ::testing::Environment *register_sandbox();
-void ensure_sandbox();
 
 // SQL (as the administrator) and Redis (authenticated, the configured database) on the sandbox.
 // Redis replies as text: integers in decimal, nil as "(nil)", arrays joined by "\n".
 using Row = std::vector<std::optional<std::string>>;
 void sql(const std::string &statement);  // ADD_FAILURE on error
 std::vector<Row> sql_rows(const std::string &query);
-long long sql_int(const std::string &query);       // first column of the first row
-long long server_status(const std::string &name);  // SHOW GLOBAL STATUS, e.g. "Questions"
+long long sql_int(const std::string &query);  // first column of the first row
 std::string redis(const std::vector<std::string> &argv);
 
 // A block of 10 account ids no other test uses (below 10000 unless a benchmark platform fills
@@ -77,8 +75,7 @@ struct RunResult {
     std::string out, err;
     std::string log;  // what the run added to the sandbox's log file
 };
-RunResult run(const std::vector<std::string> &argv, const std::string &input = "",
-              int timeout_s = 60);
+RunResult run(const std::vector<std::string> &argv);       // killed after 60 s
 RunResult spoolcap(const std::vector<std::string> &args);  // the built spoolcap
 
 // Stops the sandbox's MariaDB with sig (SIGSTOP: hung, SIGKILL: crashed) for its lifetime.
