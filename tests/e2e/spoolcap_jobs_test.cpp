@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <sstream>
 #include <thread>
@@ -32,45 +31,28 @@ qxtest::ConfFile jobs(const std::string &n) {
 // Every quota file and mark under the two resellers: path -> content ("" for a mark).
 using Files = std::map<std::string, std::string>;
 
-// A big reseller holding most accounts (3 clients x 4 users) and a small one with one client and
-// one user; the big reseller and the small client are the targets, so a client is one too.
-struct Tree : qxtest::QuotaTree {
-    std::vector<int> ids, users;  // the root, the big reseller (1), the small one (17) and client
+// The shared tree and a second reseller (root -3) with a client (root -2) of its own: the first
+// reseller and that client are the targets, so a client is one too.
+struct Tree : qxtest::Tree {
     Tree() {
-        for (int b : {qxtest::fresh_ids(), qxtest::fresh_ids()})
-            for (int i = 0; i < 10; ++i)
-                ids.push_back(b + i);
-        int next = 1;
-        auto grow = [&](int parent, int level) {
-            const int a = ids[next++];
-            add(a, parent, level);
-            qxtest::write_file(qxtest::sounds_dir(a) + "/s", 100 + a % 7);
-            qxtest::write_file(qxtest::music_dir(a) + "/m", 10 * (a % 5));
-            if (level == 100) users.push_back(a), ext(a, 1, {{"extension_recording", 1000 + a}});
-            return a;
-        };
-        add(ids[0], 0, 0);
-        const int big = grow(ids[0], 10);
-        for (int c = 0; c < 3; ++c)
-            for (int u = 0, client = grow(big, 50); u < 4; ++u)
-                grow(client, 100);
-        grow(grow(grow(ids[0], 10), 50), 100);
+        add(root - 3, root, 10), add(root - 2, root - 3, 50);
+        qxtest::write_file(qxtest::sounds_dir(root - 2) + "/s.wav", 77);
     }
     Files files() const {
         Files out;
-        for (int top : {ids[1], ids[17]})
+        for (int top : {r, root - 3})
             for (const auto &e : fs::recursive_directory_iterator(dir.at(top)))
                 if (e.is_regular_file()) out[e.path()] = *qxtest::read_file(e.path());
         return out;
     }
     void restore(const Files &files) const {
-        for (int top : {ids[1], ids[17]})
+        for (int top : {r, root - 3})
             fs::remove_all(dir.at(top));
         for (const auto &[path, text] : files)
             qxtest::put(path, text);
     }
     qxtest::RunResult refresh(bool force = true) const {
-        const std::string targets = std::to_string(ids[1]) + "," + std::to_string(ids[18]);
+        const std::string targets = std::to_string(r) + "," + std::to_string(root - 2);
         return qxtest::spoolcap({"-A", "set", "-u", targets, force ? "-f" : "-h"});
     }
 };
@@ -92,7 +74,7 @@ TEST(SpoolcapJobs, WorkersLeaveWhatOneProcessLeaves) {
         const char *why;
     } cases[] = {
         {"1", true, "the reference: one process, forced"},
-        {"2", true, "two workers share the big reseller's clients"},
+        {"2", true, "two workers share the reseller's clients"},
         {"4", true, "more workers than clients: the users become units"},
         {"auto", true, "one worker per CPU"},
         {"1", false, "the reference: one process, only stale files"},
@@ -126,9 +108,7 @@ TEST(SpoolcapJobs, KilledWorkerFailsItsTargetAndLeavesNoTrustedWrongFile) {
         text = "1.0";
     t.restore(before);
 
-    std::string victim;  // a file of a user of the big reseller's second client
-    for (const auto &[path, text] : exact)
-        if (path.find("/" + std::to_string(t.users[5]) + "/") != std::string::npos) victim = path;
+    const std::string victim = t.file(t.u3, 1);  // of the user of the reseller's second client
     const int fd = ::open(victim.c_str(), O_RDWR);
     ASSERT_GE(fd, 0) << victim;
     ASSERT_EQ(::flock(fd, LOCK_EX), 0);
@@ -152,7 +132,7 @@ TEST(SpoolcapJobs, KilledWorkerFailsItsTargetAndLeavesNoTrustedWrongFile) {
     run.join();
     ASSERT_GT(waiter, 0) << "no refresh worker waited for the lock";
 
-    EXPECT_EQ(r.status, 6) << "the big reseller failed, the small client did not";
+    EXPECT_EQ(r.status, 6) << "the reseller failed, the other client did not";
     const Files after = t.files();
     for (const auto &[path, text] : exact) {
         if (path.ends_with(".dirty")) continue;
@@ -160,7 +140,7 @@ TEST(SpoolcapJobs, KilledWorkerFailsItsTargetAndLeavesNoTrustedWrongFile) {
         const std::string now = after.count(path) ? after.at(path) : "(missing)";
         EXPECT_TRUE(now == text || now == before.at(path) || dirty) << path << ": " << now;
     }
-    EXPECT_TRUE(after.count(t.file(t.ids[1], 0) + ".dirty")) << "a sum over stale files";
+    EXPECT_TRUE(after.count(t.file(t.r, 0) + ".dirty")) << "a sum over stale files";
 
     ASSERT_EQ(t.refresh().status, 0);
     EXPECT_EQ(t.files(), exact);
@@ -181,9 +161,10 @@ TEST(SpoolcapJobs, FastUpdatesRacingWorkersAreRepairedByTheNextRefresh) {
         for (size_t i = 0; i < updaters.size(); ++i) {
             if ((updaters[i] = ::fork()) != 0) continue;
             qx_sql_pool_init();
-            // The big reseller's users: the small reseller's own files are no target's.
+            // The first reseller's users: the second reseller's own files are no target's.
             for (int n = 0; n < 200; ++n)
-                quota_update(t.users[(i * 5 + n) % 12], n % 5, n % 2 ? 7 : -3, n % 3 ? 30 : 5);
+                quota_update(std::array{t.u1, t.u2, t.u3}[(i + n) % 3], n % 5, n % 2 ? 7 : -3,
+                             n % 3 ? 30 : 5);
             ::_exit(0);
         }
         std::vector<std::thread> runs;

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
-#include <spawn.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -40,46 +39,7 @@ std::string str(int n) {
     return std::to_string(n);
 }
 
-// A reseller with two clients and three users, media on disk and stored-file rows: root +9
-// (level 0), reseller +0, clients +1 +2, users +3 +4 under +1 and +5 under +2.
-struct Tree : qxtest::QuotaTree {
-    int root, r, c1, c2, u1, u2, u3, u3_ext;
-    explicit Tree(int b = qxtest::fresh_ids())
-        : root(b + 9), r(b), c1(b + 1), c2(b + 2), u1(b + 3), u2(b + 4), u3(b + 5) {
-        add(root, 0, 0), add(r, root, 10), add(c1, r, 50), add(c2, r, 50);
-        add(u1, c1, 100), add(u2, c1, 100), add(u3, c2, 100);
-        const char *fax = "extension_fax_center", *rec = "extension_recording",
-                   *vm = "extension_voicemail";
-        ext(u1, 1, {{fax, 100}, {fax, 200}, {rec, 1000}});
-        ext(u1, 2, {{rec, 24}, {vm, 512}});
-        ext(u2, 1, {{fax, 50}, {vm, 7}});
-        u3_ext = ext(u3, 1, {{rec, 4096}});
-        for (const auto &[file, size] : {std::pair{qxtest::sounds_dir(r) + "/welcome.wav", 2048},
-                                         {qxtest::sounds_dir(c1) + "/a.wav", 1000},
-                                         {qxtest::sounds_dir(c1) + "/nested/b.wav", 24},
-                                         {qxtest::sounds_dir(u1) + "/greeting.wav", 1536},
-                                         {qxtest::music_dir(r) + "/hold.mp3", 1048576},
-                                         {qxtest::music_dir(u3) + "/jazz.mp3", 3000}})
-            qxtest::write_file(file, size);
-        usage = {{u1, {300, 1536, 1024, 512, 0}}, {u2, {50, 0, 0, 7, 0}},
-                 {u3, {0, 0, 4096, 0, 3000}},     {c1, {350, 2560, 1024, 519, 0}},
-                 {c2, {0, 0, 4096, 0, 3000}},     {r, {350, 4608, 5120, 519, 1051576}}};
-    }
-    void refresh() { ASSERT_EQ(qxtest::spoolcap({"-A", "set", "-q", "-u", str(r)}).status, 0); }
-    qxtest::RunResult set(const char *force = "-q") const {
-        return qxtest::spoolcap({"-A", "set", "-q", force, "-u", str(r)});
-    }
-    // New data under u1 or u3 that only a whole refresh may show.
-    void grow(int user, int kind, long long by) {
-        for (int id : {user, user == u3 ? c2 : c1, r})
-            usage[id][kind] += by;
-    }
-    // After the fault is gone, one refresh (forced where no mark could be made) repairs all.
-    void expect_repaired(bool force = false) const {
-        EXPECT_EQ(set(force ? "-f" : "-q").status, 0);
-        expect_exact();
-    }
-};
+using qxtest::Tree;
 
 std::string body(const Usage &u) {
     unsigned long long total = 0;  // a saturated kind would overflow a signed sum
@@ -135,7 +95,7 @@ void expect_runs(const std::vector<Case> &cases) {
         auto r = qxtest::spoolcap(c.args);
         EXPECT_EQ(std::make_tuple(blocks(r.out), r.err, r.status),
                   std::make_tuple(blocks(c.out), c.err, c.status));
-        EXPECT_NE(r.log.find(c.logged), std::string::npos) << r.log;
+        EXPECT_TRUE(r.logged(c.logged)) << r.log;
     }
 }
 
@@ -295,16 +255,16 @@ TEST(SpoolcapRun, ShowAllListsEveryAccountInServerOrder) {
 
 TEST(SpoolcapFaults, UnmeasuredInputsKeepOldValuesMarkedAndStrictRunsFail) {
     Tree t;
-    t.refresh();
-    qxtest::add_db_file("extension_recording", t.u3_ext, 4);
+    ASSERT_EQ(t.set().status, 0);
+    t.ext(t.u3, 2, {{"extension_recording", 4}});
     t.grow(t.u3, 2, 4);
     const auto old = t.snapshot();
     qxtest::sql("RENAME TABLE extension_recording TO extension_recording_gone");
     auto r = t.set("-f");
     EXPECT_EQ(r.status, 0) << "faults change no status by default";
-    EXPECT_NE(r.log.find("kind recording not refreshed: the database sum over "
-                         "extension_recording failed"),
-              std::string::npos)
+    EXPECT_TRUE(
+        r.logged("kind recording not refreshed: the database sum over "
+                 "extension_recording failed"))
         << r.log;
     // Recording files kept their value (three of them are still right), all else exact.
     EXPECT_EQ(t.check(old), (std::array<int, 3>{27, 0, 3}));
@@ -325,7 +285,7 @@ TEST(SpoolcapFaults, WritesThatFailAreLoggedAndLeaveNoTrustedFile) {
     for (bool full : {true, false}) {
         SCOPED_TRACE(full ? "full filesystem" : "read-only directory");
         Tree t;
-        if (!full) t.refresh();
+        ASSERT_TRUE(full || t.set().status == 0);
         const std::string top = t.dir[t.r];
         fs::create_directories(top);
         const auto old = t.snapshot();
@@ -344,8 +304,7 @@ TEST(SpoolcapFaults, WritesThatFailAreLoggedAndLeaveNoTrustedFile) {
             }
             auto r = t.set("-f");
             EXPECT_EQ(r.status, 0);
-            EXPECT_NE(r.log.find(full ? "No space left on device" : "Read-only file system"),
-                      std::string::npos)
+            EXPECT_TRUE(r.logged(full ? "No space left on device" : "Read-only file system"))
                 << r.log;
             // Only files whose value did not change may read right.
             EXPECT_EQ(t.check(old)[0], full ? 0 : 27);
@@ -361,7 +320,7 @@ TEST(SpoolcapFaults, WritesThatFailAreLoggedAndLeaveNoTrustedFile) {
 
 TEST(SpoolcapFaults, NothingBlocksOnAFifoWhereARecordBelongs) {
     Tree t;
-    t.refresh();
+    ASSERT_EQ(t.set().status, 0);
     const std::string fifo = t.file(t.u1, 1), above = t.file(t.c1, 1);
     ASSERT_EQ(unlink(fifo.c_str()) | mkfifo(fifo.c_str(), 0660), 0);
     const auto old = t.snapshot();
@@ -387,7 +346,7 @@ TEST(SpoolcapFaults, NothingBlocksOnAFifoWhereARecordBelongs) {
 
 TEST(SpoolcapFaults, HugeValuesSaturateAndOverlongRecordsAreUnreadable) {
     Tree t;
-    t.refresh();
+    ASSERT_EQ(t.set().status, 0);
     const std::string max = "9223372036854775807", overlong = "99999999999999999999.0";
     qxtest::put(t.file(t.c1, 1), max + ".0");
     qxtest::put(t.file(t.c2, 1), max + ".0");
@@ -412,7 +371,7 @@ TEST(SpoolcapFaults, AnUnusableQuotaRootWritesNothingAndSaysWhy) {
     auto r = qxtest::spoolcap({"-A", "set", "-u", str(t.r)});
     EXPECT_EQ(std::make_tuple(r.out, r.status, fs::exists(t.dir[t.r])),
               std::make_tuple(block(t.r, body({-1, -1, -1, -1, -1})), 0, false));
-    EXPECT_NE(r.log.find("paths.conf cannot be used"), std::string::npos) << r.log;
+    EXPECT_TRUE(r.logged("paths.conf cannot be used")) << r.log;
     auto s = strict();
     EXPECT_EQ(t.set().status, 5);
 }
@@ -457,14 +416,9 @@ TEST(SpoolcapRun, ShowOfAccountsGoneSinceTheSelectionSaysUserNotFound) {
             allowed.insert(block(id, "User Not found\n\n"));
         }
     int fds[2], queued = 0, status = -1;
-    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
     ASSERT_EQ(fcntl(fds[1], F_SETPIPE_SZ, 4096), 4096);
-    posix_spawn_file_actions_t fa;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawn_file_actions_adddup2(&fa, fds[1], 1);
-    const char *argv[] = {QX_SPOOLCAP, "-A", "show", "-u", ids.c_str(), nullptr};
-    pid_t pid;
-    ASSERT_EQ(posix_spawn(&pid, QX_SPOOLCAP, &fa, nullptr, const_cast<char **>(argv), environ), 0);
+    const pid_t pid = qxtest::spawn({QX_SPOOLCAP, "-A", "show", "-u", ids}, fds[1], 2);
     close(fds[1]);
     for (int i = 0; i < 3000 && queued < 4096; ++i, usleep(10000))
         ioctl(fds[0], FIONREAD, &queued);

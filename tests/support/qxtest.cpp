@@ -273,11 +273,6 @@ void set_misc(const std::string &param, const std::string &value) {
         ") ON DUPLICATE KEY UPDATE value = VALUES(value)");
 }
 
-void add_db_file(const std::string &table, int extension_id, long long filesize) {
-    sql("INSERT INTO " + table + " (extension_id, filesize) VALUES (" +
-        std::to_string(extension_id) + ", " + std::to_string(filesize) + ")");
-}
-
 void write_file(const std::string &file, size_t size) {
     put(file, std::string(size, 'x'));
 }
@@ -336,39 +331,38 @@ size_t LogCapture::count(std::string_view needle, int priority) const {
     }));
 }
 
-RunResult run(const std::vector<std::string> &argv) {
-    RunResult result;
-    // Files, not pipes: no deadlock whatever the child writes, and a hung child can be killed.
-    char names[2][32] = {"/tmp/qxrun-out-XXXXXX", "/tmp/qxrun-err-XXXXXX"};
-    int fds[2];
+pid_t spawn(const std::vector<std::string> &argv, int out, int err) {
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
     posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
-    for (int i = 0; i < 2; ++i)
-        fds[i] = mkstemp(names[i]), posix_spawn_file_actions_adddup2(&fa, fds[i], i + 1);
-    const std::string log_file = path("/var/log/quorvex.log");
-    const size_t log_before = read_file(log_file).value_or("").size();
+    posix_spawn_file_actions_adddup2(&fa, out, 1);
+    posix_spawn_file_actions_adddup2(&fa, err, 2);
     std::vector<char *> args;
     for (const auto &a : argv)
         args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
-    pid_t pid;
-    const int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ) != 0)
+        ADD_FAILURE() << "cannot start " << argv[0];
     posix_spawn_file_actions_destroy(&fa);
-    int status = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (rc == 0 && waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    return pid;
+}
+
+RunResult run(const std::vector<std::string> &argv) {
+    // Files, not pipes: no deadlock whatever the child writes; a hung child is killed.
+    char names[2][32] = {"/tmp/qxrun-out-XXXXXX", "/tmp/qxrun-err-XXXXXX"};
+    const int out = mkstemp(names[0]), err = mkstemp(names[1]);
+    const std::string log_file = path("/var/log/quorvex.log");
+    const size_t log_before = read_file(log_file).value_or("").size();
+    std::vector<std::string> timed{"timeout", "-s", "KILL", "60"};
+    timed.insert(timed.end(), argv.begin(), argv.end());
+    int status = -1;
+    if (const pid_t pid = spawn(timed, out, err); pid > 0) waitpid(pid, &status, 0);
     const std::string log = read_file(log_file).value_or("");
-    if (rc == 0)
-        result = {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-                  read_file(names[0]).value_or(""), read_file(names[1]).value_or(""),
-                  log.substr(std::min(log_before, log.size()))};
-    if (rc != 0) result.err = "cannot start " + argv[0];
-    for (int i = 0; i < 2; ++i)
-        close(fds[i]), unlink(names[i]);
+    RunResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+                     read_file(names[0]).value_or(""), read_file(names[1]).value_or(""),
+                     log.substr(std::min(log_before, log.size()))};
+    close(out), close(err), unlink(names[0]), unlink(names[1]);
     return result;
 }
 
@@ -398,7 +392,8 @@ int QuotaTree::ext(int owner, int n, const std::vector<std::pair<const char *, l
     const int id =
         add_extension(owner, std::to_string(n), std::to_string(owner) + "*" + std::to_string(n));
     for (const auto &[table, size] : rows)
-        add_db_file(table, id, size);
+        sql(std::string("INSERT INTO ") + table + " (extension_id, filesize) VALUES (" +
+            std::to_string(id) + ", " + std::to_string(size) + ")");
     return id;
 }
 
@@ -456,6 +451,41 @@ void QuotaTree::expect_exact() const {
                 std::make_pair(read_file(file(id, k)).value_or("(missing)"), dirty(file(id, k))),
                 std::make_pair(exact(id, k), false))
                 << file(id, k) << " (second: dirty-marked)";
+}
+
+Tree::Tree(int b) : root(b + 9), r(b), c1(b + 1), c2(b + 2), u1(b + 3), u2(b + 4), u3(b + 5) {
+    add(root, 0, 0), add(r, root, 10), add(c1, r, 50), add(c2, r, 50);
+    add(u1, c1, 100), add(u2, c1, 100), add(u3, c2, 100);
+    const char *fax = "extension_fax_center", *rec = "extension_recording",
+               *vm = "extension_voicemail";
+    ext(u1, 1, {{fax, 100}, {fax, 200}, {rec, 1000}});
+    ext(u1, 2, {{rec, 24}, {vm, 512}});
+    ext(u2, 1, {{fax, 50}, {vm, 7}});
+    ext(u3, 1, {{rec, 4096}});
+    for (const auto &[file, size] : {std::pair{sounds_dir(r) + "/welcome.wav", 2048},
+                                     {sounds_dir(c1) + "/a.wav", 1000},
+                                     {sounds_dir(c1) + "/nested/b.wav", 24},
+                                     {sounds_dir(u1) + "/greeting.wav", 1536},
+                                     {music_dir(r) + "/hold.mp3", 1048576},
+                                     {music_dir(u3) + "/jazz.mp3", 3000}})
+        write_file(file, size);
+    usage = {{u1, {300, 1536, 1024, 512, 0}}, {u2, {50, 0, 0, 7, 0}},
+             {u3, {0, 0, 4096, 0, 3000}},     {c1, {350, 2560, 1024, 519, 0}},
+             {c2, {0, 0, 4096, 0, 3000}},     {r, {350, 4608, 5120, 519, 1051576}}};
+}
+
+RunResult Tree::set(const char *force) const {
+    return spoolcap({"-A", "set", "-q", force, "-u", std::to_string(r)});
+}
+
+void Tree::grow(int user, int kind, long long by) {
+    for (int id : {user, user == u3 ? c2 : c1, r})
+        usage[id][kind] += by;
+}
+
+void Tree::expect_repaired(bool force) const {
+    EXPECT_EQ(set(force ? "-f" : "-q").status, 0);
+    expect_exact();
 }
 
 }  // namespace qxtest

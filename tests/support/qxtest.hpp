@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <array>
 #include <csignal>
@@ -41,7 +42,6 @@ void add_account(int id, int parent, int level, const std::string &login = "",
 int add_extension(int client_id, const std::string &number, const std::string &full);
 void add_pref(int client_id, const std::string &param, const std::string &value);
 void set_misc(const std::string &param, const std::string &value);
-void add_db_file(const std::string &table, int extension_id, long long filesize);
 void write_file(const std::string &path, size_t size);  // size bytes, directories created
 void put(const std::string &path, const std::string &bytes);
 std::optional<std::string> read_file(const std::string &path);
@@ -74,8 +74,11 @@ struct RunResult {
     int status = -1;  // exit status, or 128+signal (a run past its timeout is killed)
     std::string out, err;
     std::string log;  // what the run added to the sandbox's log file
+    bool logged(std::string_view needle) const { return log.find(needle) != std::string::npos; }
 };
-RunResult run(const std::vector<std::string> &argv);       // killed after 60 s
+RunResult run(const std::vector<std::string> &argv);  // killed after 60 s
+// Starts argv with stdout on out and stderr on err, stdin empty; -1 (and a failure) if it cannot.
+pid_t spawn(const std::vector<std::string> &argv, int out, int err);
 RunResult spoolcap(const std::vector<std::string> &args);  // the built spoolcap
 
 // Stops the sandbox's MariaDB with sig (SIGSTOP: hung, SIGKILL: crashed) for its lifetime.
@@ -113,6 +116,18 @@ struct QuotaTree {
     // Every file exact, dirty-marked, or unchanged from old; counts {exact, unchanged, dirty}.
     std::array<int, 3> check(const std::map<std::string, std::string> &old) const;
     void expect_exact() const;  // every file exact and unmarked
+};
+
+// A reseller with two clients and three users, media on disk and stored-file rows: root +9
+// (level 0), reseller +0, clients +1 +2, users +3 +4 under +1 and +5 under +2.
+struct Tree : QuotaTree {
+    int root, r, c1, c2, u1, u2, u3;
+    explicit Tree(int b = fresh_ids());
+    RunResult set(const char *force = "-q") const;  // spoolcap set of the reseller, quiet
+    // New data under u1 or u3 that only a whole refresh may show.
+    void grow(int user, int kind, long long by);
+    // After the fault is gone, one refresh (forced where no mark could be made) repairs all.
+    void expect_repaired(bool force = false) const;
 };
 
 }  // namespace qxtest
