@@ -68,33 +68,26 @@ TEST(SpoolcapJobs, WorkersLeaveWhatOneProcessLeaves) {
         if (i++ % 3 == 0) text = i % 2 ? "1.7" : "2.1000";
     start.erase(start.begin());
     start[start.rbegin()->first + ".dirty"] = "";
-    struct Case {
-        const char *jobs;
-        bool force;
-        const char *why;
-    } cases[] = {
-        {"1", true, "the reference: one process, forced"},
-        {"2", true, "two workers share the reseller's clients"},
-        {"4", true, "more workers than clients: the users become units"},
-        {"auto", true, "one worker per CPU"},
-        {"1", false, "the reference: one process, only stale files"},
-        {"2", false, "unforced: the same files skipped, the same recomputed"},
-        {"4", false, "unforced with users as units"},
-    };
-    std::map<bool, std::pair<Files, qxtest::RunResult>> reference;
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.why);
+    std::map<bool, std::tuple<Files, std::string, std::string>> reference;  // files, out, err
+    for (const auto &[n, force, why] : {
+             std::tuple{"1", true, "the reference: one process, forced"},
+             {"2", true, "two workers share the reseller's clients"},
+             {"4", true, "more workers than clients: the users become units"},
+             {"auto", true, "one worker per CPU"},
+             {"1", false, "the reference: one process, only stale files"},
+             {"2", false, "unforced: the same files skipped, the same recomputed"},
+             {"4", false, "unforced with users as units"},
+         }) {
+        SCOPED_TRACE(why);
         t.restore(start);
-        auto scope = jobs(c.jobs);
-        const qxtest::RunResult r = t.refresh(c.force);
+        auto scope = jobs(n);
+        const qxtest::RunResult r = t.refresh(force);
         EXPECT_EQ(r.status, 0) << r.err;
-        auto [it, first] = reference.try_emplace(c.force, t.files(), r);
-        if (first) continue;
-        EXPECT_EQ(t.files(), it->second.first);
-        EXPECT_EQ(r.out, it->second.second.out);
-        EXPECT_EQ(r.err, it->second.second.err);
+        const auto &ref = reference.try_emplace(force, t.files(), r.out, r.err).first->second;
+        EXPECT_EQ(std::make_tuple(t.files(), r.out, r.err), ref);
     }
-    EXPECT_NE(reference[true].first, start) << "the rows must have had something to recompute";
+    EXPECT_NE(std::get<0>(reference[true]), start)
+        << "the rows must have had something to recompute";
 }
 
 // The worker waiting for a lock on one user's file is killed: its target fails, every file is
@@ -133,14 +126,8 @@ TEST(SpoolcapJobs, KilledWorkerFailsItsTargetAndLeavesNoTrustedWrongFile) {
     ASSERT_GT(waiter, 0) << "no refresh worker waited for the lock";
 
     EXPECT_EQ(r.status, 6) << "the reseller failed, the other client did not";
-    const Files after = t.files();
-    for (const auto &[path, text] : exact) {
-        if (path.ends_with(".dirty")) continue;
-        const bool dirty = after.count(path + ".dirty") > 0;
-        const std::string now = after.count(path) ? after.at(path) : "(missing)";
-        EXPECT_TRUE(now == text || now == before.at(path) || dirty) << path << ": " << now;
-    }
-    EXPECT_TRUE(after.count(t.file(t.r, 0) + ".dirty")) << "a sum over stale files";
+    t.check(before);
+    EXPECT_TRUE(qxtest::dirty(t.file(t.r, 0))) << "the reseller would sum over stale files";
 
     ASSERT_EQ(t.refresh().status, 0);
     EXPECT_EQ(t.files(), exact);

@@ -453,39 +453,4 @@ void QuotaTree::expect_exact() const {
                 << file(id, k) << " (second: dirty-marked)";
 }
 
-Tree::Tree(int b) : root(b + 9), r(b), c1(b + 1), c2(b + 2), u1(b + 3), u2(b + 4), u3(b + 5) {
-    add(root, 0, 0), add(r, root, 10), add(c1, r, 50), add(c2, r, 50);
-    add(u1, c1, 100), add(u2, c1, 100), add(u3, c2, 100);
-    const char *fax = "extension_fax_center", *rec = "extension_recording",
-               *vm = "extension_voicemail";
-    ext(u1, 1, {{fax, 100}, {fax, 200}, {rec, 1000}});
-    ext(u1, 2, {{rec, 24}, {vm, 512}});
-    ext(u2, 1, {{fax, 50}, {vm, 7}});
-    ext(u3, 1, {{rec, 4096}});
-    for (const auto &[file, size] : {std::pair{sounds_dir(r) + "/welcome.wav", 2048},
-                                     {sounds_dir(c1) + "/a.wav", 1000},
-                                     {sounds_dir(c1) + "/nested/b.wav", 24},
-                                     {sounds_dir(u1) + "/greeting.wav", 1536},
-                                     {music_dir(r) + "/hold.mp3", 1048576},
-                                     {music_dir(u3) + "/jazz.mp3", 3000}})
-        write_file(file, size);
-    usage = {{u1, {300, 1536, 1024, 512, 0}}, {u2, {50, 0, 0, 7, 0}},
-             {u3, {0, 0, 4096, 0, 3000}},     {c1, {350, 2560, 1024, 519, 0}},
-             {c2, {0, 0, 4096, 0, 3000}},     {r, {350, 4608, 5120, 519, 1051576}}};
-}
-
-RunResult Tree::set(const char *force) const {
-    return spoolcap({"-A", "set", "-q", force, "-u", std::to_string(r)});
-}
-
-void Tree::grow(int user, int kind, long long by) {
-    for (int id : {user, user == u3 ? c2 : c1, r})
-        usage[id][kind] += by;
-}
-
-void Tree::expect_repaired(bool force) const {
-    EXPECT_EQ(set(force ? "-f" : "-q").status, 0);
-    expect_exact();
-}
-
 }  // namespace qxtest
