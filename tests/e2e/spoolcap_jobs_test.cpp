@@ -149,15 +149,15 @@ TEST(SpoolcapJobs, FastUpdatesRacingWorkersAreRepairedByTheNextRefresh) {
             if ((updaters[i] = ::fork()) != 0) continue;
             qx_sql_pool_init();
             // The first reseller's users: the second reseller's own files are no target's.
-            for (int n = 0; n < 200; ++n)
-                quota_update(std::array{t.u1, t.u2, t.u3}[(i + n) % 3], n % 5, n % 2 ? 7 : -3,
-                             n % 3 ? 30 : 5);
+            for (int k = 0; k < 200; ++k)
+                quota_update(std::array{t.u1, t.u2, t.u3}[(i + k) % 3], k % 5, k % 2 ? 7 : -3,
+                             k % 3 ? 30 : 5);
             ::_exit(0);
         }
         std::vector<std::thread> runs;
         for (int r = 0; r < at_once; ++r)
             runs.emplace_back([&] {
-                for (int n = 0; n < 3; ++n)
+                for (int k = 0; k < 3; ++k)
                     EXPECT_EQ(t.refresh().status, 0);
             });
         for (auto &run : runs)

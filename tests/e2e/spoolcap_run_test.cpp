@@ -173,8 +173,8 @@ TEST(SpoolcapRun, FiveDigitTargetIdIsCutToFourDigitsInItsOwnQueries) {
     const int base = qxtest::fresh_ids(), big = 10000 + base, child_of_base = base + 1,
               own_child = base + 2;
     // Five-digit ids are outside the allocator's blocks: clear what an earlier run left.
-    qxtest::sql("DELETE FROM hs_account WHERE userID = " + str(big));
-    qxtest::sql("DELETE FROM client WHERE id = " + str(big));
+    qxtest::sql("DELETE FROM hs_account WHERE userID = " + str(big) +
+                "; DELETE FROM client WHERE id = " + str(big));
     qxtest::QuotaTree t;
     t.add(base + 9, 0, 0), t.add(base, base + 9, 10), t.add(big, base + 9, 10);
     t.add(child_of_base, base, 50), t.add(own_child, big, 50);
@@ -229,8 +229,7 @@ TEST(SpoolcapRun, TargetSelectionStatusAndReport) {
 
 TEST(SpoolcapRun, ShowAllListsEveryAccountInServerOrder) {
     // The listing covers the whole table, so other tests' accounts must go first.
-    qxtest::sql("DELETE FROM hs_account");
-    qxtest::sql("DELETE FROM client");
+    qxtest::sql("DELETE FROM hs_account; DELETE FROM client");
     Tree t;
     const int odd = t.root - 1, nameless = t.root - 2;
     qxtest::add_account(odd, t.r, 20);

@@ -94,7 +94,7 @@ void start_sandbox() {
 }
 
 struct SandboxEnv : ::testing::Environment {
-    void SetUp() override { start_sandbox(); }
+    void SetUp() override { ensure_sandbox(); }
 };
 
 void capture_sink(const char *, int, const char *, int, int priority, const char *message, void *) {
@@ -128,6 +128,11 @@ constexpr time_t kAgedMtime = 1000000000;
 
 std::string path(std::string_view rel) {
     return QX_ROOT + std::string(rel);
+}
+
+void ensure_sandbox() {
+    static std::once_flag once;
+    std::call_once(once, start_sandbox);
 }
 
 ::testing::Environment *register_sandbox() {
@@ -168,6 +173,13 @@ long long sql_int(const std::string &q) {
     auto rows = sql_rows(q);
     if (!rows.empty() && !rows[0].empty() && rows[0][0]) return std::stoll(*rows[0][0]);
     ADD_FAILURE() << "no value from: " << q;
+    return -1;
+}
+
+long long server_status(const std::string &name) {
+    const auto rows = sql_rows("SHOW GLOBAL STATUS LIKE " + quoted(name));
+    if (!rows.empty() && rows[0].size() > 1 && rows[0][1]) return std::stoll(*rows[0][1]);
+    ADD_FAILURE() << "no server status " << name;
     return -1;
 }
 

@@ -19,15 +19,17 @@ namespace qxtest {
 // Every compiled-in path starts with the build's root, e.g. path("/etc/quorvex/pbx.conf").
 std::string path(std::string_view rel);
 
-// Starts the sandbox once per binary: static auto *env = register_sandbox().
+// Starts the sandbox once per binary (static auto *env = register_sandbox()) or now.
 ::testing::Environment *register_sandbox();
+void ensure_sandbox();
 
 // SQL (as the administrator) and Redis (authenticated, the configured database) on the sandbox.
 // Redis replies as text: integers in decimal, nil as "(nil)", arrays joined by "\n".
 using Row = std::vector<std::optional<std::string>>;
 void sql(const std::string &statement);  // ADD_FAILURE on error
 std::vector<Row> sql_rows(const std::string &query);
-long long sql_int(const std::string &query);  // first column of the first row
+long long sql_int(const std::string &query);       // first column of the first row
+long long server_status(const std::string &name);  // SHOW GLOBAL STATUS, e.g. "Questions"
 std::string redis(const std::vector<std::string> &argv);
 
 // A block of 10 account ids no other test uses (below 10000 unless a benchmark platform fills
