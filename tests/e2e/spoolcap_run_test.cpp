@@ -414,8 +414,12 @@ TEST(SpoolcapRun, ShowOfAccountsGoneSinceTheSelectionSaysUserNotFound) {
     ASSERT_EQ(fcntl(fds[1], F_SETPIPE_SZ, 4096), 4096);
     const pid_t pid = qxtest::spawn({QX_SPOOLCAP, "-A", "show", "-u", ids}, fds[1], 2);
     close(fds[1]);
-    for (int i = 0; i < 3000 && queued < 4096; ++i, usleep(10000))
-        ioctl(fds[0], FIONREAD, &queued);
+    // Until the pipe is full and the tool waits in its write: no account is being read.
+    const std::string wchan = "/proc/" + str(pid) + "/wchan";
+    for (int i = 0; i < 3000; ++i, usleep(10000))
+        if (ioctl(fds[0], FIONREAD, &queued) == 0 && queued == 4096 &&
+            qxtest::read_file(wchan).value_or("").find("pipe_write") != std::string::npos)
+            break;
     EXPECT_EQ(queued, 4096) << "the report never filled the pipe";
     for (size_t i = 0; i < a.ids.size(); i += 10)  // rows, cache and files
         qxtest::clear_ids(a.ids[i]), qxtest::clear_ids(b.ids[i]);
