@@ -89,7 +89,7 @@ std::string render(const redisReply *r) {
 }
 
 void start_sandbox() {
-    RunResult r = run({std::string(QX_SOURCE_DIR) + "/scripts/sandbox", "start", root()});
+    RunResult r = run({std::string(QX_SOURCE_DIR) + "/scripts/sandbox", "start", path("")});
     if (r.status != 0) ADD_FAILURE() << "sandbox did not start: " << r.out << r.err;
 }
 
@@ -115,10 +115,6 @@ void forget(int id) {
     remove_all(music_dir(id));
 }
 
-std::string log_text() {  // the sandbox's log file
-    return read_file(path("/var/log/quorvex.log")).value_or("");
-}
-
 // Written beside and renamed over: readers only ever see one version whole.
 void replace_file(const std::string &file, const std::string &text) {
     const std::string tmp = file + ".qxtest." + std::to_string(getpid());
@@ -130,12 +126,8 @@ constexpr time_t kAgedMtime = 1000000000;
 
 }  // namespace
 
-std::string root() {
-    return QX_ROOT;
-}
-
 std::string path(std::string_view rel) {
-    return root() + std::string(rel);
+    return QX_ROOT + std::string(rel);
 }
 
 void ensure_sandbox() {
@@ -148,8 +140,7 @@ void ensure_sandbox() {
 }
 
 StoppedDatabase::StoppedDatabase(int sig)
-    : pid_(std::atoi(read_file(root() + "/var/sandbox/mysqld.pid").value_or("0").c_str())),
-      sig_(sig) {
+    : pid_(std::atoi(read_file(path("/var/sandbox/mysqld.pid")).value_or("0").c_str())), sig_(sig) {
     if (pid_ <= 0 || kill(pid_, sig) != 0) pid_ = 0;
     // The signal reaches the server's threads asynchronously.
     const std::string stat = "/proc/" + std::to_string(pid_) + "/stat";
@@ -294,11 +285,6 @@ void set_misc(const std::string &param, const std::string &value) {
         ") ON DUPLICATE KEY UPDATE value = VALUES(value)");
 }
 
-void add_db_file(const std::string &table, int extension_id, long long filesize) {
-    sql("INSERT INTO " + table + " (extension_id, filesize) VALUES (" +
-        std::to_string(extension_id) + ", " + std::to_string(filesize) + ")");
-}
-
 void write_file(const std::string &file, size_t size) {
     put(file, std::string(size, 'x'));
 }
@@ -357,38 +343,38 @@ size_t LogCapture::count(std::string_view needle, int priority) const {
     }));
 }
 
-RunResult run(const std::vector<std::string> &argv, const std::string &input, int timeout_s) {
-    RunResult result;
-    // Files, not pipes: no deadlock whatever the child writes, and a hung child can be killed.
-    char names[3][32] = {"/tmp/qxrun-in-XXXXXX", "/tmp/qxrun-out-XXXXXX", "/tmp/qxrun-err-XXXXXX"};
-    int fds[3];
+pid_t spawn(const std::vector<std::string> &argv, int out, int err) {
     posix_spawn_file_actions_t fa;
     posix_spawn_file_actions_init(&fa);
-    for (int i = 0; i < 3; ++i)
-        fds[i] = mkstemp(names[i]), posix_spawn_file_actions_adddup2(&fa, fds[i], i);
-    put(names[0], input);
-    const size_t log_before = log_text().size();
+    posix_spawn_file_actions_addopen(&fa, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&fa, out, 1);
+    posix_spawn_file_actions_adddup2(&fa, err, 2);
     std::vector<char *> args;
     for (const auto &a : argv)
         args.push_back(const_cast<char *>(a.c_str()));
     args.push_back(nullptr);
-    pid_t pid;
-    const int rc = posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, args[0], &fa, nullptr, args.data(), environ) != 0)
+        ADD_FAILURE() << "cannot start " << argv[0];
     posix_spawn_file_actions_destroy(&fa);
-    int status = 0;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(timeout_s);
-    while (rc == 0 && waitpid(pid, &status, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    const std::string log = log_text();
-    if (rc == 0)
-        result = {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
-                  read_file(names[1]).value_or(""), read_file(names[2]).value_or(""),
-                  log.substr(std::min(log_before, log.size()))};
-    if (rc != 0) result.err = "cannot start " + argv[0];
-    for (int i = 0; i < 3; ++i)
-        close(fds[i]), unlink(names[i]);
+    return pid;
+}
+
+RunResult run(const std::vector<std::string> &argv) {
+    // Files, not pipes: no deadlock whatever the child writes; a hung child is killed.
+    char names[2][32] = {"/tmp/qxrun-out-XXXXXX", "/tmp/qxrun-err-XXXXXX"};
+    const int out = mkstemp(names[0]), err = mkstemp(names[1]);
+    const std::string log_file = path("/var/log/quorvex.log");
+    const size_t log_before = read_file(log_file).value_or("").size();
+    std::vector<std::string> timed{"timeout", "-s", "KILL", "60"};
+    timed.insert(timed.end(), argv.begin(), argv.end());
+    int status = -1;
+    if (const pid_t pid = spawn(timed, out, err); pid > 0) waitpid(pid, &status, 0);
+    const std::string log = read_file(log_file).value_or("");
+    RunResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+                     read_file(names[0]).value_or(""), read_file(names[1]).value_or(""),
+                     log.substr(std::min(log_before, log.size()))};
+    close(out), close(err), unlink(names[0]), unlink(names[1]);
     return result;
 }
 
@@ -397,8 +383,6 @@ RunResult spoolcap(const std::vector<std::string> &args) {
     argv.insert(argv.end(), args.begin(), args.end());
     return run(argv);
 }
-
-// ---- quota-file trees ------------------------------------------------------------------------
 
 std::string sounds_dir(int id) {
     return path("/var/lib/asterisk/sounds/.") + std::to_string(id);
@@ -420,7 +404,8 @@ int QuotaTree::ext(int owner, int n, const std::vector<std::pair<const char *, l
     const int id =
         add_extension(owner, std::to_string(n), std::to_string(owner) + "*" + std::to_string(n));
     for (const auto &[table, size] : rows)
-        add_db_file(table, id, size);
+        sql(std::string("INSERT INTO ") + table + " (extension_id, filesize) VALUES (" +
+            std::to_string(id) + ", " + std::to_string(size) + ")");
     return id;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/types.h>
 
 #include <array>
 #include <csignal>
@@ -15,8 +16,8 @@
 
 namespace qxtest {
 
-std::string root();                      // every compiled-in path starts with it
-std::string path(std::string_view rel);  // e.g. path("/etc/quorvex/pbx.conf")
+// Every compiled-in path starts with the build's root, e.g. path("/etc/quorvex/pbx.conf").
+std::string path(std::string_view rel);
 
 // Starts the sandbox once per binary (static auto *env = register_sandbox()) or now.
 ::testing::Environment *register_sandbox();
@@ -43,7 +44,6 @@ void add_account(int id, int parent, int level, const std::string &login = "",
 int add_extension(int client_id, const std::string &number, const std::string &full);
 void add_pref(int client_id, const std::string &param, const std::string &value);
 void set_misc(const std::string &param, const std::string &value);
-void add_db_file(const std::string &table, int extension_id, long long filesize);
 void write_file(const std::string &path, size_t size);  // size bytes, directories created
 void put(const std::string &path, const std::string &bytes);
 std::optional<std::string> read_file(const std::string &path);
@@ -76,9 +76,11 @@ struct RunResult {
     int status = -1;  // exit status, or 128+signal (a run past its timeout is killed)
     std::string out, err;
     std::string log;  // what the run added to the sandbox's log file
+    bool logged(std::string_view needle) const { return log.find(needle) != std::string::npos; }
 };
-RunResult run(const std::vector<std::string> &argv, const std::string &input = "",
-              int timeout_s = 60);
+RunResult run(const std::vector<std::string> &argv);  // killed after 60 s
+// Starts argv with stdout on out and stderr on err, stdin empty; -1 (and a failure) if it cannot.
+pid_t spawn(const std::vector<std::string> &argv, int out, int err);
 RunResult spoolcap(const std::vector<std::string> &args);  // the built spoolcap
 
 // Stops the sandbox's MariaDB with sig (SIGSTOP: hung, SIGKILL: crashed) for its lifetime.
@@ -116,6 +118,46 @@ struct QuotaTree {
     // Every file exact, dirty-marked, or unchanged from old; counts {exact, unchanged, dirty}.
     std::array<int, 3> check(const std::map<std::string, std::string> &old) const;
     void expect_exact() const;  // every file exact and unmarked
+};
+
+// A reseller with two clients and three users, media on disk and stored-file rows: root +9
+// (level 0), reseller +0, clients +1 +2, users +3 +4 under +1 and +5 under +2.
+struct Tree : QuotaTree {
+    int root, r, c1, c2, u1, u2, u3;
+    explicit Tree(int b = fresh_ids())
+        : root(b + 9), r(b), c1(b + 1), c2(b + 2), u1(b + 3), u2(b + 4), u3(b + 5) {
+        add(root, 0, 0), add(r, root, 10), add(c1, r, 50), add(c2, r, 50);
+        add(u1, c1, 100), add(u2, c1, 100), add(u3, c2, 100);
+        const char *fax = "extension_fax_center", *rec = "extension_recording",
+                   *vm = "extension_voicemail";
+        ext(u1, 1, {{fax, 100}, {fax, 200}, {rec, 1000}});
+        ext(u1, 2, {{rec, 24}, {vm, 512}});
+        ext(u2, 1, {{fax, 50}, {vm, 7}});
+        ext(u3, 1, {{rec, 4096}});
+        for (const auto &[file, size] : {std::pair{sounds_dir(r) + "/welcome.wav", 2048},
+                                         {sounds_dir(c1) + "/a.wav", 1000},
+                                         {sounds_dir(c1) + "/nested/b.wav", 24},
+                                         {sounds_dir(u1) + "/greeting.wav", 1536},
+                                         {music_dir(r) + "/hold.mp3", 1048576},
+                                         {music_dir(u3) + "/jazz.mp3", 3000}})
+            write_file(file, size);
+        usage = {{u1, {300, 1536, 1024, 512, 0}}, {u2, {50, 0, 0, 7, 0}},
+                 {u3, {0, 0, 4096, 0, 3000}},     {c1, {350, 2560, 1024, 519, 0}},
+                 {c2, {0, 0, 4096, 0, 3000}},     {r, {350, 4608, 5120, 519, 1051576}}};
+    }
+    RunResult set(const char *force = "-q") const {  // of the reseller, printing nothing
+        return spoolcap({"-A", "set", "-q", force, "-u", std::to_string(r)});
+    }
+    // New data under u1 or u3 that only a whole refresh may show.
+    void grow(int user, int kind, long long by) {
+        for (int id : {user, user == u3 ? c2 : c1, r})
+            usage[id][kind] += by;
+    }
+    // After the fault is gone, one refresh (forced where no mark could be made) repairs all.
+    void expect_repaired(bool force = false) const {
+        EXPECT_EQ(set(force ? "-f" : "-q").status, 0);
+        expect_exact();
+    }
 };
 
 }  // namespace qxtest
