@@ -3,22 +3,12 @@
 // the verdict is both returned and printed on standard output.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cstdio>
-#include <filesystem>
-
+#include "integration.hpp"
 #include "quota.h"
-#include "qxtest.hpp"
-#include "sqlsession.h"
 
-namespace fs = std::filesystem;
 using qxtest::dirty;
 using qxtest::put;
 
@@ -33,8 +23,6 @@ extern "C" int flock(int fd, int op) {
 }
 
 namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
 
 constexpr int kRecording = 2;
 constexpr const char *kLimitPrefs[] = {"fax_storage", "max_sound", "max_record", "max_voice",
@@ -89,14 +77,7 @@ struct HeldLock {
     ~HeldLock() { close(fd); }
 };
 
-class QuotaVerify : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
-    void SetUp() override {
-        if (!getpwnam("asterisk") || !getgrnam("asterisk"))
-            GTEST_SKIP() << "needs the asterisk user and group";
-    }
-};
+using QuotaVerify = QuotaTest;
 
 TEST_F(QuotaVerify, ReportsTheDeepestLevelAtOrOverItsLimit) {
     struct Row {

@@ -1,24 +1,12 @@
 // The DisDB client against the sandbox Redis: round trips, database choice across a reconnect,
 // failover, and the cost of a dead or stalled server. Authentication and multi-field reads are
 // checked through the cache set-up and the cache layer.
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-
-#include "qxtest.hpp"
+#include "integration.hpp"
 #include "velkan.h"
 
 namespace {
 
-auto *const sandbox_env = qxtest::register_sandbox();
-
 using Client = std::unique_ptr<vk_client_t, decltype(&vk_client_destroy)>;
-using Text = std::optional<std::string>;
 
 Client client(const std::vector<std::pair<std::string, int>> &servers, int db = 1,
               const std::string &key = "sandbox") {
@@ -149,33 +137,17 @@ TEST_F(Velkan, UnreachableServersAreSkippedInOrderAndADeadOneReportedOnEveryCall
 }
 
 TEST_F(Velkan, StalledServerTimesOutOnceThenIsLeftAlone) {
-    // A listener that never accepts: connections succeed, replies never come.
-    const std::string path = "/tmp/qxtest-stalled-" + std::to_string(getpid()) + ".sock";
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    unlink(path.c_str());
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(fd, 16), 0);
-    auto connections = [fd] {
-        int n = 0;
-        for (int c; (c = accept(fd, nullptr, nullptr)) >= 0; ++n)
-            close(c);
-        return n;
-    };
-    auto c = client({{path, 0}});
+    const StalledServer stalled("/tmp/qxtest-stalled-" + std::to_string(getpid()) + ".sock");
+    auto c = client({{stalled.path, 0}});
     int rc = 0;
     hget(c.get(), "k", "f", &rc);
     EXPECT_EQ(rc, VK_EIO);
-    EXPECT_GE(connections(), 1);
+    EXPECT_GE(stalled.connections(), 1);
     for (int i = 0; i < 10; ++i) {
         hget(c.get(), "k", "f", &rc);
         EXPECT_NE(rc, VK_OK);
     }
-    EXPECT_EQ(connections(), 0) << "a server that timed out is tried again at once";
-    close(fd);
-    unlink(path.c_str());
+    EXPECT_EQ(stalled.connections(), 0) << "a server that timed out is tried again at once";
 }
 
 }  // namespace

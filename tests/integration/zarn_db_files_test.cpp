@@ -1,23 +1,16 @@
 // Stored-file records against the sandbox database. Only the fax table differs in its columns;
 // the engine's sums are those of an owner (level 100), checked by every quota test.
-#include <algorithm>
-
-#include "qxtest.hpp"
-#include "sqlsession.h"
+#include "integration.hpp"
 #include "zarn_db_files.h"
 
 namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
 
 std::string str(const char *s) {
     return s ? s : "(null)";
 }
 
-class DbFiles : public ::testing::Test {
+class DbFiles : public SqlTest {
   protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
-
     void SetUp() override {
         ids_ = qxtest::fresh_ids();
         for (const auto &[n, parent, level] :

@@ -1,26 +1,13 @@
 // Extension lookups on the sandbox: number splitting with the system parameters, ids and the
 // statement that fetched them, types, registration, codecs, screening and session expiry.
 // Account ids come fresh for every test, so no cache key of a test exists before it runs.
-#include <algorithm>
-#include <cstdlib>
 #include <ctime>
 
-#include "qxtest.hpp"
-#include "sqlsession.h"
+#include "integration.hpp"
 #include "zarn_extension.h"
 
 namespace {
 
-auto *const sandbox_env = qxtest::register_sandbox();
-
-using Text = std::optional<std::string>;
-const Text none;
-
-Text take(char *s) {
-    Text out = s ? Text(s) : none;
-    std::free(s);
-    return out;
-}
 std::string hget(const std::string &key, const char *field) {
     return qxtest::redis({"HGET", key, field});
 }
@@ -31,10 +18,8 @@ std::string utc(time_t t) {
     return buf;
 }
 
-class Extensions : public ::testing::Test {
+class Extensions : public SqlTest {
   protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
-
     void SetUp() override {
         b_ = qxtest::fresh_ids(), client_ = b_ + 1, user_ = b_ + 2, user2_ = b_ + 3;
         full1_ = std::to_string(user_) + "*101", full2_ = std::to_string(user_) + "*102";

@@ -3,26 +3,12 @@
 // qx_account_get_pref) run in every quota test through the engine, and the multi-name preference
 // read-through (markers, unbound names, a binding into another hash) in the cache layer's test;
 // the rows here are the edges neither reaches.
-#include <algorithm>
-#include <cstdlib>
-
-#include "qxtest.hpp"
-#include "sqlsession.h"
+#include "integration.hpp"
 #include "zarn_cache.h"
 #include "zarn_user.h"
 
 namespace {
 
-auto *const sandbox_env = qxtest::register_sandbox();
-
-using Text = std::optional<std::string>;
-const Text none;
-
-Text take(char *s) {
-    Text out = s ? Text(s) : none;
-    std::free(s);
-    return out;
-}
 std::string info_key(int id) {
     return "res:inf:mng:" + std::to_string(id);
 }
@@ -41,9 +27,8 @@ std::vector<Text> sorted(char **list, size_t count) {
 }
 
 // Reseller b_, client b_+1, user b_+2, users b_+3 .. b_+7 for table rows; b_+9 is unknown.
-class Accounts : public ::testing::Test {
+class Accounts : public SqlTest {
   protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
     void SetUp() override {
         b_ = qxtest::fresh_ids(), client_ = b_ + 1, user_ = b_ + 2, unknown_ = b_ + 9;
         qxtest::add_account(b_, 0, 10);

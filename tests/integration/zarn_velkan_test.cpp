@@ -1,12 +1,7 @@
 // Set-up of the cache client from the node's configuration files, on the sandbox.
-#include <unistd.h>
-
 #include <cstdarg>
-#include <cstdio>
-#include <memory>
-#include <mutex>
 
-#include "qxtest.hpp"
+#include "integration.hpp"
 #include "zarn_velkan.h"
 
 // The library and the set-up write to syslog directly; the test binary takes those lines.
@@ -30,8 +25,6 @@ extern "C" void syslog(int priority, const char *fmt, ...) {
 }
 
 namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
 
 std::string take_syslog() {
     std::lock_guard lock(g_syslog_mutex);
