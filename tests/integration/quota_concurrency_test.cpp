@@ -8,11 +8,8 @@
 #include "integration.hpp"
 #include "quota.h"
 
-namespace {
-
 constexpr int kKind = 2, kWorkers = 8, kUpdates = 2000, kUsers = 3, kFiles = 6;
-// Files (account base + f): 0 reseller, 1 client A (users 0 and 1), 2 client B (user 2), 3..5
-// the users.
+// Files (account base + f): 0 reseller, 1 client A (users 0, 1), 2 client B (user 2), 3..5 users.
 constexpr int kClientOf[kUsers] = {1, 1, 2};
 constexpr int kUsersBelow[kFiles] = {3, 2, 1, 1, 1, 1};
 
@@ -98,5 +95,3 @@ TEST(QuotaConcurrency, NoTornReadAndEveryUnmarkedFileIsExact) {
             << paths[f] << ": an update was lost without a dirty mark";
     }
 }
-
-}  // namespace

@@ -1,10 +1,7 @@
-// The slow refresh of a whole account tree against the sandbox: accounts, extensions and stored
-// file rows in MariaDB (read through the Redis cache), media files in the root's Asterisk
-// directories, quota files under the root's quota directory.
+// The slow refresh through its own entry points (kinds, depths, read-back); whole refreshes and
+// their files are checked end to end through spoolcap.
 #include "integration.hpp"
 #include "quota.h"
-
-namespace {
 
 using qxtest::put;
 using qxtest::Usage;
@@ -188,5 +185,3 @@ TEST_F(QuotaRefresh, ListsMediaDirectoriesByKindAndLevel) {
         EXPECT_EQ(got, row.paths);
     }
 }
-
-}  // namespace

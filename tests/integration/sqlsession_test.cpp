@@ -6,8 +6,6 @@
 #include "integration.hpp"
 #include "sql_util.hpp"
 
-namespace {
-
 const std::string kCreds = "DB_CREDENTIALS main:quorvex:sandbox:quorvex\n";
 
 // First column of the first row ("" for none), or nullopt when the statement failed.
@@ -267,5 +265,3 @@ TEST_F(SqlPool, ConcurrentThreadsShareThePool) {
     EXPECT_EQ(0u, ids.count("failed"));
     EXPECT_LE(ids.size(), 4u);
 }
-
-}  // namespace

@@ -4,8 +4,6 @@
 #include "integration.hpp"
 #include "velkan.h"
 
-namespace {
-
 using Client = std::unique_ptr<vk_client_t, decltype(&vk_client_destroy)>;
 
 Client client(const std::vector<std::pair<std::string, int>> &servers, int db = 1,
@@ -60,11 +58,8 @@ TEST_F(Velkan, FieldValuesSurviveARoundTripByteForByte) {
     char **names = nullptr, **vals = nullptr;
     ASSERT_EQ(vk_hgetall(c.get(), key_.data(), key_.size(), &count, &names, &vals, 0, 0), VK_OK);
     std::map<std::string, std::string> all;
-    for (size_t i = 0; i < count; ++i) {
-        all[names[i]] = vals[i];
-        std::free(names[i]);
-        std::free(vals[i]);
-    }
+    for (size_t i = 0; i < count; ++i)
+        all[*take(names[i])] = *take(vals[i]);
     std::free(names);
     std::free(vals);
     for (const auto &[field, value] : rows)
@@ -149,5 +144,3 @@ TEST_F(Velkan, StalledServerTimesOutOnceThenIsLeftAlone) {
     }
     EXPECT_EQ(stalled.connections(), 0) << "a server that timed out is tried again at once";
 }
-
-}  // namespace

@@ -3,8 +3,6 @@
 #include "integration.hpp"
 #include "zarn_cache.h"
 
-namespace {
-
 using Texts = std::vector<Text>;
 
 Texts take_all(char **vals, int n) {
@@ -213,5 +211,3 @@ TEST_F(ZarnCache, MultiFieldWritesAndEmptyWholeHashes) {
     EXPECT_EQ(rmset_hash(0, 0, fields, values, "k"), 0);
     EXPECT_EQ(rmget_hash(0, 0, fields, "k"), nullptr);
 }
-
-}  // namespace

@@ -3,8 +3,6 @@
 #include "integration.hpp"
 #include "zarn_db_files.h"
 
-namespace {
-
 std::string str(const char *s) {
     return s ? s : "(null)";
 }
@@ -190,5 +188,3 @@ TEST_F(DbFiles, SumsStoredFilesPerAccountLevel) {
     EXPECT_EQ(qx_get_db_files_quota("extension_recording", 0, nullptr), -1);
     EXPECT_TRUE(log.contains("../main/zarn_db_files:qx_get_db_files_quota:"));
 }
-
-}  // namespace

@@ -25,8 +25,6 @@ void operator delete(void *p, std::size_t) noexcept {
     std::free(p);
 }
 
-namespace {
-
 using qxtest::put;
 
 constexpr char kAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXZabcdefghijklmnopqrstuvwxyz";
@@ -484,5 +482,3 @@ TEST_F(Storage, SessionsRunWhileTheModuleIsReinitialised) {
         w.join();
     initialiser.join();
 }
-
-}  // namespace

@@ -1,13 +1,8 @@
-// Account lookups on the sandbox: what comes from the database, what is written to the cache,
-// and when a cached answer wins. Plain lookups (level, parent, extensions, preferences through
-// qx_account_get_pref) run in every quota test through the engine, and the multi-name preference
-// read-through (markers, unbound names, a binding into another hash) in the cache layer's test;
-// the rows here are the edges neither reaches.
+// Account lookups on the sandbox: the edges that neither the quota engine's plain lookups nor the
+// cache layer's multi-name read-through reach.
 #include "integration.hpp"
 #include "zarn_cache.h"
 #include "zarn_user.h"
-
-namespace {
 
 std::string info_key(int id) {
     return "res:inf:mng:" + std::to_string(id);
@@ -135,5 +130,3 @@ TEST_F(Accounts, ExtensionsComeFromTheIndexHashOnceItExists) {
     EXPECT_EQ(qx_user_get_extensions_sess(nullptr, parent.c_str(), b_ + 3, 1, &count), nullptr);
     EXPECT_EQ(qxtest::redis({"EXISTS", "res:ind:" + std::to_string(b_ + 3) + ":ext"}), "0");
 }
-
-}  // namespace

@@ -5,10 +5,8 @@
 #include "zarn_velkan.h"
 
 // The library and the set-up write to syslog directly; the test binary takes those lines.
-namespace {
 std::mutex g_syslog_mutex;
 std::string g_syslog;  // one line after another, each ending in "\n"
-}  // namespace
 
 extern "C" void vsyslog(int, const char *fmt, va_list ap) {
     char line[1024];
@@ -23,8 +21,6 @@ extern "C" void syslog(int priority, const char *fmt, ...) {
     vsyslog(priority, fmt, ap);
     va_end(ap);
 }
-
-namespace {
 
 std::string take_syslog() {
     std::lock_guard lock(g_syslog_mutex);
@@ -139,5 +135,3 @@ TEST(ZarnVelkan, SetUpFollowsTheFirstValidMainEntries) {
         }
     }
 }
-
-}  // namespace

@@ -171,7 +171,6 @@ TEST(QuotaFastUpdate, AppliesDeltaOrMarksFileDirty) {
         {"7.3", false, 0, 7, "7.3", false},
         {no, false, 0, 0, "0.1", false},
         {no, false, 42, 42, "42.1", false},
-        {no, false, -42, 0, "0.1", false},
         {"", false, 5, -1, "", true},
         {"-1.3", false, 5, -1, "-1.3", true},
         {"5.-1", false, 5, 5, "5.-1", true},
