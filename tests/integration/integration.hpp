@@ -21,6 +21,7 @@
 
 #include "qxtest.hpp"
 #include "sqlsession.h"
+#include "zarn_cache.h"
 
 namespace fs = std::filesystem;
 using Text = std::optional<std::string>;
@@ -32,6 +33,16 @@ inline auto *const sandbox_env = qxtest::register_sandbox();
 inline Text take(char *s) {
     Text out = s ? Text(s) : none;
     std::free(s);
+    return out;
+}
+
+// The n strings of an array the C API hands out (nullopt for NULL), released with its free.
+inline std::vector<Text> take_all(char **vals, int n,
+                                  void (*release)(int, char **) = rget_free_vals) {
+    std::vector<Text> out;
+    for (int i = 0; vals && i < n; ++i)
+        out.push_back(vals[i] ? Text(vals[i]) : none);
+    if (vals) release(n, vals);
     return out;
 }
 

@@ -164,7 +164,6 @@ TEST_F(QuotaRefresh, ListsMediaDirectoriesByKindAndLevel) {
         {2, 100, u2.c_str(), 0, {spool + "/monitor/" + u2 + "*301"}},
         {3, 100, none.c_str(), 0, {}},
         {3, 50, nullptr, -1, {}},
-        {0, 10, nullptr, -1, {}},
         {1, 20, u1.c_str(), -1, {}},
         {1, 100, "", -1, {}},
         {6, 100, u1.c_str(), -1, {}},

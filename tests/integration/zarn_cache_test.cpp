@@ -5,14 +5,6 @@
 
 using Texts = std::vector<Text>;
 
-Texts take_all(char **vals, int n) {
-    Texts out;
-    for (int i = 0; vals && i < n; ++i)
-        out.push_back(vals[i] ? Text(vals[i]) : none);
-    if (vals) rget_free_vals(n, vals);
-    return out;
-}
-
 const cache_binding kPrefs[] = {
     {"max_moh", "res:pre:mng:%d", 0, "mmoh"},
     {"max_record", "res:pre:mng:%d", 0, "mrec"},

@@ -204,13 +204,8 @@ TEST_F(Extensions, PreferencesAndScreeningReadThroughTheirHashes) {
                 ",'screening_behaviour','2'),(" + e + ",'screening_allow','100,200'),(" + e +
                 ",'screening_deny','300')");
     const char *names[] = {"dnd", "callreturn", "voicemail", "fax", "not_bound"};
-    char **values = qx_extension_get_prefs(full1_.c_str(), 5, names);
-    ASSERT_NE(values, nullptr);
-    std::vector<Text> got;
-    for (int i = 0; i < 5; ++i)
-        got.push_back(values[i] ? Text(values[i]) : none);
-    qx_free_string_array(5, values);
-    EXPECT_EQ(got, (std::vector<Text>{"1", "555", none, none, none}));
+    EXPECT_EQ(take_all(qx_extension_get_prefs(full1_.c_str(), 5, names), 5, qx_free_string_array),
+              (std::vector<Text>{"1", "555", none, none, none}));
     const std::string po = "res:po:ext:" + full1_;
     EXPECT_EQ(qxtest::redis({"HMGET", po, "dnd", "vm", "fx"}), "1\n_NL_\n_NR_");
     EXPECT_EQ(hget("res:cb:ext:" + full1_, "crt"), "555");

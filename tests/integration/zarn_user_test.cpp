@@ -1,7 +1,6 @@
 // Account lookups on the sandbox: the edges that neither the quota engine's plain lookups nor the
 // cache layer's multi-name read-through reach.
 #include "integration.hpp"
-#include "zarn_cache.h"
 #include "zarn_user.h"
 
 std::string info_key(int id) {
@@ -13,10 +12,7 @@ std::string info(int id, const char *field) {
 // The strings of a lookup's array, released, sorted: neither the cache nor the database
 // promises an order.
 std::vector<Text> sorted(char **list, size_t count) {
-    std::vector<Text> out;
-    for (size_t i = 0; list && i < count; ++i)
-        out.push_back(list[i] ? Text(list[i]) : none);
-    rget_free_vals(static_cast<int>(count), list);
+    std::vector<Text> out = take_all(list, static_cast<int>(count));
     std::sort(out.begin(), out.end());
     return out;
 }
