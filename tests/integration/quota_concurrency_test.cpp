@@ -1,6 +1,5 @@
-// Many processes updating the same quota files at once, as the telephony side does: eight
-// workers add deltas through quota_update while a reader looks at the files without any lock.
-// No read may see a record half written, and every file left unmarked holds the exact sum.
+// Eight processes add deltas through quota_update to the same files, as the telephony side does,
+// while a reader looks at the files without any lock.
 #include <sys/wait.h>
 
 #include <cmath>

@@ -1,6 +1,5 @@
-// Verification and the fast update as the telephony side calls them: the account's ancestry and
-// limits come from the sandbox database (through the cache), usage from real quota files, and
-// the verdict is both returned and printed on standard output.
+// Verification and the fast update as the telephony side calls them: ancestry and limits from the
+// sandbox database, usage from real quota files, the verdict returned and printed on stdout.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,6 +1,5 @@
-// The SQL pool on the sandbox MariaDB: set-up from real files, session reuse, recovery of lost
-// connections, unreachable and stalled servers and slave routing. Shard, host and server-list
-// lines are parsed without a database in the unit tests.
+// The SQL pool on the sandbox MariaDB; shard, host and server-list lines are parsed without a
+// database in the unit tests.
 #include <mysql.h>
 
 #include "integration.hpp"

@@ -1,6 +1,5 @@
-// Extension lookups on the sandbox: number splitting with the system parameters, ids and the
-// statement that fetched them, types, registration, codecs, screening and session expiry.
-// Account ids come fresh for every test, so no cache key of a test exists before it runs.
+// Extension lookups on the sandbox. Account ids come fresh for every test, so no cache key of a
+// test exists before it runs.
 #include <ctime>
 
 #include "integration.hpp"

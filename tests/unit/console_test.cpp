@@ -1,5 +1,4 @@
-// Asterisk console and file helpers: a fake console on a unix socket, a stand-in Asterisk
-// executable, and the file-name and path checks.
+// Asterisk console and file helpers.
 #include <sys/un.h>
 
 #include "unit.hpp"

@@ -1,5 +1,4 @@
-// Quota store, disk measurement and the fast update on real files in a scratch directory; no
-// database is involved. Refreshes through the database are the integration tests' part.
+// Quota store, disk measurement and the fast update on real files, without a database.
 #include <grp.h>
 #include <pwd.h>
 #include <sys/file.h>
