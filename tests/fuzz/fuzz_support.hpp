@@ -1,7 +1,6 @@
 // Shared by the fuzz targets; a failed property aborts, so that libFuzzer keeps the input.
 #pragma once
 
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -9,8 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <memory>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -60,15 +58,15 @@ inline std::string scratch_file(const std::string &name, std::string_view conten
 }
 
 inline std::string read_file(const std::string &path) {
-    std::ostringstream s;
-    s << std::ifstream(path, std::ios::binary).rdbuf();
-    return s.str();
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
 // A malloc'd string's text ("" for NULL), freed.
 inline std::string take(char *s) {
-    const std::unique_ptr<char, decltype(&std::free)> owner(s, &std::free);
-    return s ? s : "";
+    std::string text = s ? s : "";
+    std::free(s);
+    return text;
 }
 
 // Keeps the logger off syslog and counts its error lines (priority 3 or more severe) instead.

@@ -1,26 +1,14 @@
-// Many processes updating the same quota files at once, as the telephony side does: eight
-// workers add deltas through quota_update while a reader looks at the files without any lock.
-// No read may see a record half written, and every file left unmarked holds the exact sum.
-#include <grp.h>
-#include <pwd.h>
+// Eight processes add deltas through quota_update to the same files, as the telephony side does,
+// while a reader looks at the files without any lock.
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <atomic>
 #include <cmath>
-#include <thread>
 
+#include "integration.hpp"
 #include "quota.h"
-#include "qxtest.hpp"
-#include "sqlsession.h"
-
-namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
 
 constexpr int kKind = 2, kWorkers = 8, kUpdates = 2000, kUsers = 3, kFiles = 6;
-// Files (account base + f): 0 reseller, 1 client A (users 0 and 1), 2 client B (user 2), 3..5
-// the users.
+// Files (account base + f): 0 reseller, 1 client A (users 0, 1), 2 client B (user 2), 3..5 users.
 constexpr int kClientOf[kUsers] = {1, 1, 2};
 constexpr int kUsersBelow[kFiles] = {3, 2, 1, 1, 1, 1};
 
@@ -106,5 +94,3 @@ TEST(QuotaConcurrency, NoTornReadAndEveryUnmarkedFileIsExact) {
             << paths[f] << ": an update was lost without a dirty mark";
     }
 }
-
-}  // namespace

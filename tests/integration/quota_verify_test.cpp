@@ -1,24 +1,13 @@
-// Verification and the fast update as the telephony side calls them: the account's ancestry and
-// limits come from the sandbox database (through the cache), usage from real quota files, and
-// the verdict is both returned and printed on standard output.
+// Verification and the fast update as the telephony side calls them: ancestry and limits from the
+// sandbox database, usage from real quota files, the verdict returned and printed on stdout.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cstdio>
-#include <filesystem>
-
+#include "integration.hpp"
 #include "quota.h"
-#include "qxtest.hpp"
-#include "sqlsession.h"
 
-namespace fs = std::filesystem;
 using qxtest::dirty;
 using qxtest::put;
 
@@ -31,10 +20,6 @@ extern "C" int flock(int fd, int op) {
     if (rc != 0 && (op & LOCK_NB)) ++g_refused_locks;
     return rc;
 }
-
-namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
 
 constexpr int kRecording = 2;
 constexpr const char *kLimitPrefs[] = {"fax_storage", "max_sound", "max_record", "max_voice",
@@ -89,14 +74,7 @@ struct HeldLock {
     ~HeldLock() { close(fd); }
 };
 
-class QuotaVerify : public ::testing::Test {
-  protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
-    void SetUp() override {
-        if (!getpwnam("asterisk") || !getgrnam("asterisk"))
-            GTEST_SKIP() << "needs the asterisk user and group";
-    }
-};
+using QuotaVerify = QuotaTest;
 
 TEST_F(QuotaVerify, ReportsTheDeepestLevelAtOrOverItsLimit) {
     struct Row {
@@ -123,8 +101,6 @@ TEST_F(QuotaVerify, ReportsTheDeepestLevelAtOrOverItsLimit) {
          {"99999.0", "10240.0", "0.0"}, true, false, kClient, "99999.0", true},
         {"2 GiB wraps negative in 32 bits", 2, kOwner, {"10", "10", "10"},
          {"2147483648.5", "0.0", "0.0"}, false, false, kNobody, "2147483648.5", false},
-        {"2^32 + 10239 wraps below the limit", 2, kOwner, {"10"},
-         {"4294977535.1", "0.0", "0.0"}, false, false, kNobody, "4294977535.1", false},
         {"no preference means no limit", 2, kOwner, {nullptr, "10"},
          {"999999.0", "10240.0", "0.0"}, false, false, kClient, "999999.0", false},
         {"a missing file is created and 0 is at a limit of 0", 2, kOwner, {"0"},
@@ -198,17 +174,19 @@ TEST_F(QuotaVerify, BadKindsUnknownAccountsAndTheRoot) {
 }
 
 // The account's file and every ancestor's get the delta. A lock held elsewhere on the owner's
-// file costs the caller its wait (a negative one meaning 30 ms, one try per 10 ms step) and
-// leaves that file marked dirty and untouched; the ancestors are updated all the same.
+// file costs the caller its wait (a negative one meaning 30 ms, one try per 10 ms step; the
+// steps' bounds are the unit tests' rows) and leaves that file marked dirty and untouched; the
+// ancestors are updated all the same.
 TEST_F(QuotaVerify, UpdateWritesTheAccountAndEveryAncestor) {
     const struct {
         Who account;
         long long delta;
         int wait, tries;     // tries: -1 for no lock held
         const char *record;  // of every file written but a locked one
-    } rows[] = {{kOwner, -4096, 30, -1, "0.1"}, {kClient, 77, 30, -1, "77.1"},
-                {kReseller, 0, 30, -1, "0.1"},  {kOwner, 25, -100000, 4, "525.2"},
-                {kOwner, 25, 0, 1, "525.2"},    {kOwner, 25, 19, 2, "525.2"},
+    } rows[] = {{kOwner, -4096, 30, -1, "0.1"},
+                {kClient, 77, 30, -1, "77.1"},
+                {kReseller, 0, 30, -1, "0.1"},
+                {kOwner, 25, -100000, 4, "525.2"},
                 {kOwner, 25, 50, 6, "525.2"}};
     for (const auto &row : rows) {
         SCOPED_TRACE(std::to_string(row.account) + " wait " + std::to_string(row.wait));
@@ -237,5 +215,3 @@ TEST_F(QuotaVerify, UpdateWritesTheAccountAndEveryAncestor) {
                   std::make_pair(0660u, 0770u));
     }
 }
-
-}  // namespace

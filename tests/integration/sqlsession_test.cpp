@@ -1,27 +1,10 @@
-// The SQL pool on the sandbox MariaDB: set-up from real files, session reuse, recovery of lost
-// connections, unreachable and stalled servers and slave routing. Shard, host and server-list
-// lines are parsed without a database in the unit tests.
+// The SQL pool on the sandbox MariaDB; shard, host and server-list lines are parsed without a
+// database in the unit tests.
 #include <mysql.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <mutex>
-#include <thread>
-
-#include "qxtest.hpp"
+#include "integration.hpp"
 #include "sql_util.hpp"
-#include "sqlsession.h"
 
-namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
-
-using Text = std::optional<std::string>;
-const Text none;
 const std::string kCreds = "DB_CREDENTIALS main:quorvex:sandbox:quorvex\n";
 
 // First column of the first row ("" for none), or nullopt when the statement failed.
@@ -176,25 +159,11 @@ TEST_F(SqlPool, IdleConnectionIsCheckedBeforeReuse) {
 }
 
 TEST_F(SqlPool, UnreachableMasterIsTriedOnceThenAvoided) {
-    // A listener that never accepts: the connect succeeds, the server's greeting never comes.
-    const std::string stalled = qxtest::path("/tmp/sqlsession-stalled.sock");
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", stalled.c_str());
-    unlink(stalled.c_str());
-    ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr));
-    ASSERT_EQ(0, listen(fd, 16));
-    auto attempts = [fd] {
-        int n = 0;
-        for (int c; (c = accept(fd, nullptr, nullptr)) >= 0; ++n)
-            close(c);
-        return n;
-    };
+    const StalledServer stalled(qxtest::path("/tmp/sqlsession-stalled.sock"));
     const std::pair<std::string, int> rows[] = {
         {qxtest::path("/run/no-such-mysqld.sock:0"), 0},
         {"127.0.0.1:1", 0},
-        {stalled + ":0", 1},
+        {stalled.path + ":0", 1},
     };
     for (const auto &[server, tries] : rows) {
         SCOPED_TRACE(server);
@@ -202,15 +171,13 @@ TEST_F(SqlPool, UnreachableMasterIsTriedOnceThenAvoided) {
                                       server + "\n"));
         qxtest::LogCapture log;
         EXPECT_EQ(nullptr, sess_init());
-        EXPECT_EQ(tries, attempts());
+        EXPECT_EQ(tries, stalled.connections());
         // Marked down: the next session is refused without another attempt.
         EXPECT_EQ(nullptr, sess_init());
-        EXPECT_EQ(0, attempts());
+        EXPECT_EQ(0, stalled.connections());
         EXPECT_EQ(1u, log.count("Cannot connect to SQL master"));
         EXPECT_EQ(1u, log.count("is avoided for 30 s"));
     }
-    close(fd);
-    unlink(stalled.c_str());
 }
 
 TEST_F(SqlPool, StalledMasterIsAvoidedForTheDownTimeThenTriedAgain) {
@@ -297,5 +264,3 @@ TEST_F(SqlPool, ConcurrentThreadsShareThePool) {
     EXPECT_EQ(0u, ids.count("failed"));
     EXPECT_LE(ids.size(), 4u);
 }
-
-}  // namespace

@@ -1,24 +1,9 @@
-// The DisDB client against the sandbox Redis: round trips, database choice across a reconnect,
-// failover, and the cost of a dead or stalled server. Authentication and multi-field reads are
-// checked through the cache set-up and the cache layer.
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-
-#include "qxtest.hpp"
+// The DisDB client against the sandbox Redis. Authentication and multi-field reads are checked
+// through the cache set-up and the cache layer.
+#include "integration.hpp"
 #include "velkan.h"
 
-namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
-
 using Client = std::unique_ptr<vk_client_t, decltype(&vk_client_destroy)>;
-using Text = std::optional<std::string>;
 
 Client client(const std::vector<std::pair<std::string, int>> &servers, int db = 1,
               const std::string &key = "sandbox") {
@@ -51,39 +36,6 @@ class Velkan : public ::testing::Test {
     const std::string key_ = "qxtest:velkan:" + std::to_string(getpid());
 };
 
-TEST_F(Velkan, FieldValuesSurviveARoundTripByteForByte) {
-    const std::pair<std::string, std::string> rows[] = {
-        {"nam", "Acme Corp"},     {"e", ""},
-        {"bin", {"a\0b", 3}},     {{"f\xff", 2}, "\xc3\xa9\xff\x01"},
-        {"k:1,2", "x,y:z %s %n"}, {"big", std::string(200000, 'q')},
-    };
-    auto c = sandbox();
-    for (const auto &[field, value] : rows) {
-        SCOPED_TRACE(field);
-        ASSERT_EQ(vk_hset(c.get(), key_.data(), key_.size(), field.data(), field.size(),
-                          value.data(), value.size(), 1),
-                  VK_OK);
-        // Non-persistent data goes through the secondary handle: it must see the same hash.
-        EXPECT_EQ(hget(vk_client_secondary(c.get()), key_, field), value);
-        EXPECT_EQ(qxtest::redis({"HGET", key_, field}), value);
-    }
-    // The whole hash at once (its values as C strings).
-    size_t count = 0;
-    char **names = nullptr, **vals = nullptr;
-    ASSERT_EQ(vk_hgetall(c.get(), key_.data(), key_.size(), &count, &names, &vals, 0, 0), VK_OK);
-    std::map<std::string, std::string> all;
-    for (size_t i = 0; i < count; ++i) {
-        all[names[i]] = vals[i];
-        std::free(names[i]);
-        std::free(vals[i]);
-    }
-    std::free(names);
-    std::free(vals);
-    for (const auto &[field, value] : rows)
-        EXPECT_EQ(all[field], value.c_str()) << field;
-    EXPECT_EQ(all.size(), std::size(rows));
-}
-
 TEST_F(Velkan, SortedSetMemberKeepsItsValueUnlessNull) {
     const std::tuple<const char *, std::string, std::string> rows[] = {
         {"s3:rc/1/2/3.wav", "payload", "payload"},
@@ -100,16 +52,27 @@ TEST_F(Velkan, SortedSetMemberKeepsItsValueUnlessNull) {
     }
 }
 
-TEST_F(Velkan, DatabaseKeyAndChoiceHoldOnEveryConnection) {
+// Values of every kind (empty; a NUL, high bytes, separators and format characters; more than
+// any fixed buffer) in database 6, before and after the client's connection is dropped behind its
+// back: the first call sees the loss, the next one reconnects and must land in database 6 again.
+TEST_F(Velkan, ValuesSurviveByteForByteInTheChosenDatabaseAcrossAReconnect) {
     int rc = 0;  // a wrong key is refused (no key at all: the cache set-up rows)
     hget(client({{qxtest::path("/run/redis.sock"), 0}}, 1, "wrong").get(), "x", "f", &rc);
     EXPECT_EQ(rc, VK_EREPLY);
 
+    const std::pair<std::string, std::string> rows[] = {
+        {"e", ""},
+        {"k:1,\xff", {"a\0\xc3\xa9\xff\x01 x,y:z %s %n", 18}},
+        {"big", std::string(200000, 'q')}};
     auto c = sandbox(6);
-    ASSERT_EQ(vk_hset(c.get(), key_.data(), key_.size(), "f", 1, "six", 3, 0), VK_OK);
+    for (const auto &[field, value] : rows) {
+        ASSERT_EQ(vk_hset(c.get(), key_.data(), key_.size(), field.data(), field.size(),
+                          value.data(), value.size(), 1),
+                  VK_OK);
+        // Non-persistent data goes through the secondary handle: it must see the same hash.
+        EXPECT_EQ(hget(vk_client_secondary(c.get()), key_, field), value);
+    }
     EXPECT_EQ(qxtest::redis({"EXISTS", key_}), "0");
-    // Drop the client's connection behind its back: the first call sees the loss, the next
-    // one reconnects and must land in database 6 again.
     const std::string list = qxtest::redis({"CLIENT", "LIST"});
     int killed = 0;
     for (size_t pos = 0; (pos = list.find("id=", pos)) != std::string::npos; ++pos) {
@@ -119,17 +82,32 @@ TEST_F(Velkan, DatabaseKeyAndChoiceHoldOnEveryConnection) {
             qxtest::redis({"CLIENT", "KILL", "ID", line.substr(3, line.find(' ') - 3)}).c_str());
     }
     ASSERT_GE(killed, 1);
-    Text value = hget(c.get(), key_, "f", &rc);
-    if (rc != VK_OK) {
-        EXPECT_EQ(rc, VK_EIO);
-        value = hget(c.get(), key_, "f", &rc);
+    for (const auto &[field, value] : rows) {
+        Text got = hget(c.get(), key_, field, &rc);
+        if (rc != VK_OK) {
+            EXPECT_EQ(rc, VK_EIO);
+            got = hget(c.get(), key_, field, &rc);
+        }
+        EXPECT_EQ(got, value);
+        EXPECT_EQ(qxtest::redis({"EVAL",
+                                 "redis.call('SELECT', 6) local v = redis.call('HGET', KEYS[1], "
+                                 "ARGV[1]) redis.call('SELECT', 1) return v",
+                                 "1", key_, field}),
+                  value);
     }
-    EXPECT_EQ(value, "six");
-    EXPECT_EQ(qxtest::redis({"EVAL",
-                             "redis.call('SELECT', 6) local v = redis.call('HGET', KEYS[1], 'f') "
-                             "redis.call('DEL', KEYS[1]) redis.call('SELECT', 1) return v",
-                             "1", key_}),
-              "six");
+    // The whole hash at once (its values as C strings).
+    size_t count = 0;
+    char **names = nullptr, **vals = nullptr;
+    ASSERT_EQ(vk_hgetall(c.get(), key_.data(), key_.size(), &count, &names, &vals, 0, 0), VK_OK);
+    std::map<std::string, std::string> all;
+    for (size_t i = 0; i < count; ++i)
+        all[*take(names[i])] = *take(vals[i]);
+    std::free(names);
+    std::free(vals);
+    for (const auto &[field, value] : rows)
+        EXPECT_EQ(all[field], value.c_str());
+    EXPECT_EQ(all.size(), std::size(rows));
+    qxtest::redis({"EVAL", "redis.call('SELECT', 6) redis.call('DEL', KEYS[1])", "1", key_});
 }
 
 TEST_F(Velkan, UnreachableServersAreSkippedInOrderAndADeadOneReportedOnEveryCall) {
@@ -149,33 +127,15 @@ TEST_F(Velkan, UnreachableServersAreSkippedInOrderAndADeadOneReportedOnEveryCall
 }
 
 TEST_F(Velkan, StalledServerTimesOutOnceThenIsLeftAlone) {
-    // A listener that never accepts: connections succeed, replies never come.
-    const std::string path = "/tmp/qxtest-stalled-" + std::to_string(getpid()) + ".sock";
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    unlink(path.c_str());
-    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-    ASSERT_EQ(listen(fd, 16), 0);
-    auto connections = [fd] {
-        int n = 0;
-        for (int c; (c = accept(fd, nullptr, nullptr)) >= 0; ++n)
-            close(c);
-        return n;
-    };
-    auto c = client({{path, 0}});
+    const StalledServer stalled("/tmp/qxtest-stalled-" + std::to_string(getpid()) + ".sock");
+    auto c = client({{stalled.path, 0}});
     int rc = 0;
     hget(c.get(), "k", "f", &rc);
     EXPECT_EQ(rc, VK_EIO);
-    EXPECT_GE(connections(), 1);
+    EXPECT_GE(stalled.connections(), 1);
     for (int i = 0; i < 10; ++i) {
         hget(c.get(), "k", "f", &rc);
         EXPECT_NE(rc, VK_OK);
     }
-    EXPECT_EQ(connections(), 0) << "a server that timed out is tried again at once";
-    close(fd);
-    unlink(path.c_str());
+    EXPECT_EQ(stalled.connections(), 0) << "a server that timed out is tried again at once";
 }
-
-}  // namespace

@@ -1,31 +1,9 @@
 // The read-through cache layer on the sandbox: markers, write-back rules, the multi-field
 // read-through and a cache that is not there.
-#include <cstdlib>
-
-#include "qxtest.hpp"
-#include "sqlsession.h"
+#include "integration.hpp"
 #include "zarn_cache.h"
 
-namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
-
-using Text = std::optional<std::string>;
 using Texts = std::vector<Text>;
-const Text none;
-
-Text take(char *p) {
-    Text s = p ? Text(p) : none;
-    std::free(p);
-    return s;
-}
-Texts take_all(char **vals, int n) {
-    Texts out;
-    for (int i = 0; vals && i < n; ++i)
-        out.push_back(vals[i] ? Text(vals[i]) : none);
-    if (vals) rget_free_vals(n, vals);
-    return out;
-}
 
 const cache_binding kPrefs[] = {
     {"max_moh", "res:pre:mng:%d", 0, "mmoh"},
@@ -38,9 +16,8 @@ const char kPrefSql[] =
 
 // Each test's ids are fresh; the keys it names are deleted after it. The database is changed
 // between lookups: an answer that did not change came from the cache.
-class ZarnCache : public ::testing::Test {
+class ZarnCache : public SqlTest {
   protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
     void SetUp() override { id_ = qxtest::fresh_ids(); }
     void TearDown() override {
         for (const auto &k : keys_)
@@ -226,5 +203,3 @@ TEST_F(ZarnCache, MultiFieldWritesAndEmptyWholeHashes) {
     EXPECT_EQ(rmset_hash(0, 0, fields, values, "k"), 0);
     EXPECT_EQ(rmget_hash(0, 0, fields, "k"), nullptr);
 }
-
-}  // namespace

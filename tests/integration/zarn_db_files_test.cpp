@@ -1,23 +1,14 @@
 // Stored-file records against the sandbox database. Only the fax table differs in its columns;
 // the engine's sums are those of an owner (level 100), checked by every quota test.
-#include <algorithm>
-
-#include "qxtest.hpp"
-#include "sqlsession.h"
+#include "integration.hpp"
 #include "zarn_db_files.h"
-
-namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
 
 std::string str(const char *s) {
     return s ? s : "(null)";
 }
 
-class DbFiles : public ::testing::Test {
+class DbFiles : public SqlTest {
   protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
-
     void SetUp() override {
         ids_ = qxtest::fresh_ids();
         for (const auto &[n, parent, level] :
@@ -197,5 +188,3 @@ TEST_F(DbFiles, SumsStoredFilesPerAccountLevel) {
     EXPECT_EQ(qx_get_db_files_quota("extension_recording", 0, nullptr), -1);
     EXPECT_TRUE(log.contains("../main/zarn_db_files:qx_get_db_files_quota:"));
 }
-
-}  // namespace

@@ -1,21 +1,13 @@
 // File storage against real directories under the root, the sandbox DisDB and database, and a
 // transfer service played by the test.
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cmath>
-#include <cstring>
-#include <filesystem>
-#include <mutex>
 #include <new>
 #include <sstream>
-#include <thread>
-#include <tuple>
 
+#include "integration.hpp"
 #include "qx_paths.h"
-#include "qxtest.hpp"
-#include "sqlsession.h"
 #include "zarn_storage.h"
 
 // Allocations fail while set: the module's own out-of-memory paths, on demand.
@@ -33,12 +25,7 @@ void operator delete(void *p, std::size_t) noexcept {
     std::free(p);
 }
 
-namespace {
-
-namespace fs = std::filesystem;
 using qxtest::put;
-
-auto *const sandbox_env = qxtest::register_sandbox();
 
 constexpr char kAlphabet[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXZabcdefghijklmnopqrstuvwxyz";
 const std::string kUpQueue = "storage:upqueue:s3:main", kDelQueue = "storage:delqueue:s3:main";
@@ -91,9 +78,8 @@ std::string conf_text(const char *system) {
            "\nSTORAGE_CACHE_EXPIRE 7\nS3_UPL_INTERVAL 30\n";
 }
 
-class Storage : public ::testing::Test {
+class Storage : public SqlTest {
   protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
     static std::string content(const char *p) {
         return p ? qxtest::read_file(p).value_or("?") : "-";
     }
@@ -496,5 +482,3 @@ TEST_F(Storage, SessionsRunWhileTheModuleIsReinitialised) {
         w.join();
     initialiser.join();
 }
-
-}  // namespace

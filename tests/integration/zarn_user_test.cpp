@@ -1,28 +1,8 @@
-// Account lookups on the sandbox: what comes from the database, what is written to the cache,
-// and when a cached answer wins. Plain lookups (level, parent, extensions, preferences through
-// qx_account_get_pref) run in every quota test through the engine, and the multi-name preference
-// read-through (markers, unbound names, a binding into another hash) in the cache layer's test;
-// the rows here are the edges neither reaches.
-#include <algorithm>
-#include <cstdlib>
-
-#include "qxtest.hpp"
-#include "sqlsession.h"
-#include "zarn_cache.h"
+// Account lookups on the sandbox: the edges that neither the quota engine's plain lookups nor the
+// cache layer's multi-name read-through reach.
+#include "integration.hpp"
 #include "zarn_user.h"
 
-namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
-
-using Text = std::optional<std::string>;
-const Text none;
-
-Text take(char *s) {
-    Text out = s ? Text(s) : none;
-    std::free(s);
-    return out;
-}
 std::string info_key(int id) {
     return "res:inf:mng:" + std::to_string(id);
 }
@@ -32,18 +12,14 @@ std::string info(int id, const char *field) {
 // The strings of a lookup's array, released, sorted: neither the cache nor the database
 // promises an order.
 std::vector<Text> sorted(char **list, size_t count) {
-    std::vector<Text> out;
-    for (size_t i = 0; list && i < count; ++i)
-        out.push_back(list[i] ? Text(list[i]) : none);
-    rget_free_vals(static_cast<int>(count), list);
+    std::vector<Text> out = take_all(list, static_cast<int>(count));
     std::sort(out.begin(), out.end());
     return out;
 }
 
 // Reseller b_, client b_+1, user b_+2, users b_+3 .. b_+7 for table rows; b_+9 is unknown.
-class Accounts : public ::testing::Test {
+class Accounts : public SqlTest {
   protected:
-    static void SetUpTestSuite() { qx_sql_pool_init(); }
     void SetUp() override {
         b_ = qxtest::fresh_ids(), client_ = b_ + 1, user_ = b_ + 2, unknown_ = b_ + 9;
         qxtest::add_account(b_, 0, 10);
@@ -150,5 +126,3 @@ TEST_F(Accounts, ExtensionsComeFromTheIndexHashOnceItExists) {
     EXPECT_EQ(qx_user_get_extensions_sess(nullptr, parent.c_str(), b_ + 3, 1, &count), nullptr);
     EXPECT_EQ(qxtest::redis({"EXISTS", "res:ind:" + std::to_string(b_ + 3) + ":ext"}), "0");
 }
-
-}  // namespace

@@ -1,19 +1,12 @@
 // Set-up of the cache client from the node's configuration files, on the sandbox.
-#include <unistd.h>
-
 #include <cstdarg>
-#include <cstdio>
-#include <memory>
-#include <mutex>
 
-#include "qxtest.hpp"
+#include "integration.hpp"
 #include "zarn_velkan.h"
 
 // The library and the set-up write to syslog directly; the test binary takes those lines.
-namespace {
 std::mutex g_syslog_mutex;
 std::string g_syslog;  // one line after another, each ending in "\n"
-}  // namespace
 
 extern "C" void vsyslog(int, const char *fmt, va_list ap) {
     char line[1024];
@@ -28,10 +21,6 @@ extern "C" void syslog(int priority, const char *fmt, ...) {
     vsyslog(priority, fmt, ap);
     va_end(ap);
 }
-
-namespace {
-
-auto *const sandbox_env = qxtest::register_sandbox();
 
 std::string take_syslog() {
     std::lock_guard lock(g_syslog_mutex);
@@ -146,5 +135,3 @@ TEST(ZarnVelkan, SetUpFollowsTheFirstValidMainEntries) {
         }
     }
 }
-
-}  // namespace

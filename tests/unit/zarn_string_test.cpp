@@ -135,15 +135,10 @@ TEST(ZarnString, MailHeaderFoldsIntoEncodedWords) {
 
 // A blank first line is an empty id: a node id file is there.
 TEST(ZarnString, NodeIdIsTheFirstLineWithoutTrailingBlanks) {
-    const string file = QX_NODEID_FILE;
-    fs::create_directories(fs::path(file).parent_path());
-    const Opt saved = read(file);  // the node's own id goes back in place afterwards
     for (auto [content, id] :
          {std::pair{Opt("node7 \t\nsecond\n"), Opt("node7")}, {" \t\n", ""}, {no, no}}) {
-        fs::remove(file);
-        if (content) std::ofstream(file) << *content;
+        qxtest::ConfFile file(QX_NODEID_FILE, content.value_or(""));  // the node's id comes back
+        if (!content) fs::remove(QX_NODEID_FILE);
         EXPECT_EQ(take(get_nodeid()), id);
     }
-    fs::remove(file);
-    if (saved) std::ofstream(file) << *saved;
 }
