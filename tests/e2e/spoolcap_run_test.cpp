@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <pwd.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -16,6 +17,7 @@
 #include <fstream>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -449,18 +451,26 @@ TEST(SpoolcapFaults, ADatabaseThatHangsOrDiesMidRunEndsItAndLosesNothing) {
             auto timeouts =
                 conf_with("/etc/quorvex/sqldbase.conf",
                           "DB_READ_TIMEOUT 2\nDB_CONNECT_TIMEOUT 1\nMASTER_DOWN_TIME 60\n");
-            // At the lowest priority, so that on a busy machine the watcher below still sees the
-            // first write long before the last.
+            // The first file the run writes stays locked until the run waits for it: the fault
+            // then strikes with every later statement still ahead, however busy the machine.
+            const std::string first = t.file(t.ids[2], 0);
+            const int held = open(first.c_str(), O_RDWR | O_CLOEXEC);
+            ASSERT_EQ(flock(held, LOCK_EX), 0);
             std::atomic<int> status{-1};
             std::thread run([&] {
-                status =
-                    qxtest::run({"nice", "-n", "19", QX_SPOOLCAP, "-A", "set", "-q", "-f", "-u", r})
-                        .status;
+                status = qxtest::run({QX_SPOOLCAP, "-A", "set", "-q", "-f", "-u", r}).status;
             });
-            // Strike once the run has written something, while most of it is still ahead.
-            while (t.snapshot() == old && status < 0) {
+            struct stat st {};
+            stat(first.c_str(), &st);
+            const std::string waiter = ":" + std::to_string(st.st_ino) + " ";
+            for (bool waiting = false; !waiting && status < 0; usleep(1000)) {
+                std::istringstream locks(qxtest::read_file("/proc/locks").value_or(""));
+                for (std::string line; std::getline(locks, line);)
+                    waiting |= line.find("->") != std::string::npos &&
+                               line.find(waiter) != std::string::npos;
             }
             qxtest::StoppedDatabase fault(sig);
+            close(held);
             run.join();
             EXPECT_LT(status, 128) << "the run did not end in 60 s";
         }
