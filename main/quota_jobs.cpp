@@ -94,8 +94,18 @@ bool read_all(int fd, void *buf, size_t n) {
     return true;
 }
 
+}  // namespace
+
+// Defined only in coverage builds. A worker leaves through _exit, which skips the handler that
+// writes a process's counts, so it writes its own (after dropping the copy inherited at fork).
+extern "C" void __gcov_dump(void) __attribute__((weak));
+extern "C" void __gcov_reset(void) __attribute__((weak));
+
+namespace {
+
 // A worker: units in, fault counts out, until the parent closes the socket.
 [[noreturn]] void serve(int fd, const std::vector<Node> &nodes, int kind) {
+    if (__gcov_reset) __gcov_reset();
     // The parent's SQL connections and cache client talk on sockets the parent still uses:
     // they are forgotten here, not closed, and made again on first use.
     fr_sqlpool_forget();
@@ -117,6 +127,7 @@ bool read_all(int fd, void *buf, size_t n) {
         status = 1;  // the unit in hand is then counted as lost by the parent
     }
     // No exit handlers: they belong to the parent, and so does anything left in stdio buffers.
+    if (__gcov_dump) __gcov_dump();
     ::_exit(status);
 }
 
