@@ -360,20 +360,32 @@ pid_t spawn(const std::vector<std::string> &argv, int out, int err) {
     return pid;
 }
 
+namespace {
+
+// The log past offset: the log only grows on the sandbox, and a run must not read it all again.
+std::string log_since(const std::string &file, off_t offset) {
+    std::ifstream in(file, std::ios::binary);
+    std::ostringstream ss;
+    if (in.seekg(offset)) ss << in.rdbuf();
+    return ss.str();
+}
+
+}  // namespace
+
 RunResult run(const std::vector<std::string> &argv) {
     // Files, not pipes: no deadlock whatever the child writes; a hung child is killed.
     char names[2][32] = {"/tmp/qxrun-out-XXXXXX", "/tmp/qxrun-err-XXXXXX"};
     const int out = mkstemp(names[0]), err = mkstemp(names[1]);
     const std::string log_file = path("/var/log/quorvex.log");
-    const size_t log_before = read_file(log_file).value_or("").size();
+    struct stat st {};
+    const off_t log_before = stat(log_file.c_str(), &st) == 0 ? st.st_size : 0;
     std::vector<std::string> timed{"timeout", "-s", "KILL", "60"};
     timed.insert(timed.end(), argv.begin(), argv.end());
     int status = -1;
     if (const pid_t pid = spawn(timed, out, err); pid > 0) waitpid(pid, &status, 0);
-    const std::string log = read_file(log_file).value_or("");
     RunResult result{WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
                      read_file(names[0]).value_or(""), read_file(names[1]).value_or(""),
-                     log.substr(std::min(log_before, log.size()))};
+                     log_since(log_file, log_before)};
     close(out), close(err), unlink(names[0]), unlink(names[1]);
     return result;
 }
