@@ -336,25 +336,56 @@ void append_component(std::string &path, int number, const char *text, bool keep
 
 // ---- records ---------------------------------------------------------------------------------
 
-// The engine reads quota files it opened itself, which are regular files: there a short read is
-// the end of the file, and one read is also one consistent view for the readers that hold no
-// lock. A caller's descriptor may be anything, so the public reader reads on until end of file.
-enum class ReadUntil { kEof, kShortRead };
+// How a record is read. A caller's descriptor may be anything, so the public reader reads on
+// until end of file. The engine reads quota files it opened itself, which are regular files: there
+// a short read is the end of the file. A reader holding the file's lock needs one read; a reader
+// without it needs two that agree, because a read on ext4 takes no inode lock and can copy the
+// page while a writer's pwrite is halfway through it, and such a mix of two records parses as a
+// value nobody wrote.
+enum class ReadMode { kEof, kLocked, kUnlocked };
 
-int read_record(int fd, long long *value, int *revision, ReadUntil until = ReadUntil::kShortRead) {
-    if (!value) return -1;
-    char buf[kRecordMax + 1];
+// Bounds the rereads of a record that keeps changing under an unlocked reader; each writer holds
+// its lock for microseconds, so agreement within a few tries is the rule.
+constexpr int kStableReads = 16;
+
+ssize_t read_all(int fd, char *buf, ReadMode mode) {
     size_t got = 0;
     while (got < kRecordMax) {
-        ssize_t n = ::read(fd, buf + got, kRecordMax - got);
+        ssize_t n = mode == ReadMode::kEof ? ::read(fd, buf + got, kRecordMax - got)
+                                           : ::pread(fd, buf + got, kRecordMax - got, 0);
         if (n < 0) {
             if (errno == EINTR) continue;
             return -1;
         }
         if (n == 0) break;
         got += static_cast<size_t>(n);
-        if (until == ReadUntil::kShortRead) break;
+        if (mode != ReadMode::kEof) break;
     }
+    return static_cast<ssize_t>(got);
+}
+
+// The record's bytes as two consecutive reads agree on them, or -1 (EAGAIN when they never did).
+ssize_t read_stable(int fd, char *buf) {
+    char again[kRecordMax];
+    ssize_t got = read_all(fd, buf, ReadMode::kUnlocked);
+    for (int i = 0; got >= 0 && i < kStableReads; ++i) {
+        const ssize_t next = read_all(fd, again, ReadMode::kUnlocked);
+        if (next < 0) return -1;
+        if (next == got && std::memcmp(buf, again, static_cast<size_t>(got)) == 0) return got;
+        std::memcpy(buf, again, static_cast<size_t>(next));
+        got = next;
+    }
+    if (got >= 0) errno = EAGAIN;
+    return -1;
+}
+
+int read_record(int fd, long long *value, int *revision, ReadMode mode) {
+    if (!value) return -1;
+    char buf[kRecordMax + 1];
+    const ssize_t read =
+        mode == ReadMode::kUnlocked ? read_stable(fd, buf) : read_all(fd, buf, mode);
+    if (read < 0) return -1;
+    const size_t got = static_cast<size_t>(read);
     buf[got] = '\0';
     char *dot = std::strchr(buf, '.');
     if (!dot) return -1;
@@ -846,7 +877,7 @@ bool rev_in_range(const char *path, long long &value, int at = AT_FDCWD) {
     qx::UniqueFd fd = open_regular(path, O_RDONLY, 0, at);
     if (!fd) return false;
     int revision = -1;
-    if (read_record(fd.get(), &value, &revision) != 0) return false;
+    if (read_record(fd.get(), &value, &revision, ReadMode::kUnlocked) != 0) return false;
     return revision >= 0 && revision <= kRevisionLimit;
 }
 
@@ -892,7 +923,7 @@ class AccountDir {
         if (listed(at, name) != DT_REG) return rev_in_range(name, value, at);
         qx::UniqueFd fd(::openat(at, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         int revision = -1;
-        if (!fd || read_record(fd.get(), &value, &revision) != 0) return false;
+        if (!fd || read_record(fd.get(), &value, &revision, ReadMode::kUnlocked) != 0) return false;
         return revision >= 0 && revision <= kRevisionLimit;
     }
 
@@ -1007,7 +1038,7 @@ int child_sum(const char *id, int kind, const char *dir, AccountDir &account_dir
             exact = false;
             continue;
         }
-        if (read_record(fd.get(), &value, nullptr) != 0) {
+        if (read_record(fd.get(), &value, nullptr, ReadMode::kUnlocked) != 0) {
             if (exact) cause = qx::format("child file %s holds no valid record", path.c_str());
             exact = false;
             continue;
@@ -1441,7 +1472,9 @@ int read_quota(unsigned account_id, unsigned parent_id, unsigned grandparent_id,
         }
         if (path.empty()) continue;
         qx::UniqueFd fd = open_regular(path.c_str(), O_RDONLY);
-        if (fd) read_record(fd.get(), &values[slot], revisions ? &revisions[slot] : nullptr);
+        if (fd)
+            read_record(fd.get(), &values[slot], revisions ? &revisions[slot] : nullptr,
+                        ReadMode::kUnlocked);
     }
     return 0;
 }
@@ -1592,7 +1625,8 @@ int fast_update_file(const char *path, long long delta, int wait) {
     if (!created) {
         value = -1;
         revision = -1;
-        if (read_record(fd.get(), &value, &revision) != 0 || value == -1 || revision == -1) {
+        if (read_record(fd.get(), &value, &revision, ReadMode::kLocked) != 0 || value == -1 ||
+            revision == -1) {
             set_dirty(path);
             return static_cast<int>(value);
         }
@@ -1795,7 +1829,7 @@ extern "C" char *quota_str_append(char **path, int number, ...) {
 }
 
 extern "C" int quota_read_internal(int fd, long long *value, int *revision) {
-    return read_record(fd, value, revision, ReadUntil::kEof);
+    return read_record(fd, value, revision, ReadMode::kEof);
 }
 
 extern "C" int quota_write_internal(int fd, long long value, int revision) {

@@ -1,5 +1,8 @@
 // The slow refresh through its own entry points (kinds, depths, read-back); whole refreshes and
 // their files are checked end to end through spoolcap.
+#include <dlfcn.h>
+#include <sys/stat.h>
+
 #include "integration.hpp"
 #include "quota.h"
 
@@ -32,6 +35,21 @@ struct Tree : qxtest::QuotaTree {
 };
 
 using QuotaRefresh = QuotaTest;
+
+// The file whose every positioned read returns another record, as if a writer rewrote it under
+// each read of a reader that holds no lock.
+static ino_t g_flicker = 0;
+extern "C" ssize_t pread(int fd, void *buf, size_t n, off_t off) {
+    static const auto real =
+        reinterpret_cast<ssize_t (*)(int, void *, size_t, off_t)>(dlsym(RTLD_NEXT, "pread"));
+    static int reads = 0;
+    struct stat st;
+    if (!g_flicker || fstat(fd, &st) != 0 || st.st_ino != g_flicker) return real(fd, buf, n, off);
+    const std::string record = std::to_string(++reads % 2 ? 1000 : 7000) + ".0";
+    const size_t len = std::min(n, record.size());
+    std::memcpy(buf, record.data(), len);
+    return static_cast<ssize_t>(len);
+}
 
 TEST_F(QuotaRefresh, ReadsBackValuesThenForceDepthCountsLevelsBelowTheTarget) {
     const Tree t;
@@ -109,6 +127,27 @@ TEST_F(QuotaRefresh, UnforcedRefreshRecomputesOnlyFilesThatNeedIt) {
     EXPECT_EQ(t.rewritten(), recomputed);
     for (const auto &f : t.files())
         EXPECT_FALSE(qxtest::dirty(f)) << f;
+}
+
+TEST_F(QuotaRefresh, ARecordThatNeverReadsTheSameTwiceIsNoRecord) {
+    const Tree t;
+    ASSERT_EQ(quota_update_slow(t.reseller, 0, nullptr, 0), 0);
+    struct stat st;
+    ASSERT_EQ(stat(t.file(t.owner1, 0).c_str(), &st), 0);
+    g_flicker = st.st_ino;
+    long long value = 0, sum = 0;
+    EXPECT_EQ(quota_read(t.owner1, t.client, t.reseller, 0, &value, nullptr), 0);
+    EXPECT_EQ(value, -1) << "a value read while it changed is returned";
+    const std::string client_dir = fs::path(t.file(t.client, 0)).parent_path();
+    EXPECT_EQ(grab_child_quotas(std::to_string(t.client).c_str(), nullptr, nullptr, 0,
+                                client_dir.c_str(), &sum),
+              0);
+    EXPECT_EQ(sum, 300) << "a value read while it changed is summed";
+    t.age();
+    ASSERT_EQ(quota_update_slow(t.client, 0, nullptr, 0), 0);
+    g_flicker = 0;
+    EXPECT_EQ(t.rewritten().count(t.file(t.owner1, 0)), 1u) << "a changing record is skipped";
+    EXPECT_EQ(t.record(t.owner1, 0), "1500.0");
 }
 
 TEST_F(QuotaRefresh, HandlesOnlyTheKindsAskedFor) {
