@@ -338,11 +338,11 @@ void append_component(std::string &path, int number, const char *text, bool keep
 
 // How a record is read. A caller's descriptor may be anything, so the public reader reads on
 // until end of file. The engine reads quota files it opened itself, which are regular files: there
-// a short read is the end of the file. A reader holding the file's lock needs one read; a reader
-// without it needs two that agree, because a read on ext4 takes no inode lock and can copy the
-// page while a writer's pwrite is halfway through it, and such a mix of two records parses as a
-// value nobody wrote.
-enum class ReadMode { kEof, kLocked, kUnlocked };
+// a short read is the end of the file. A reader holding the file's lock needs one read (kOnce); a
+// reader without it needs two that agree (kStable), because a read on ext4 takes no inode lock and
+// can copy the page while a writer's pwrite is halfway through it, and such a mix of two records
+// parses as a value nobody wrote.
+enum class ReadMode { kEof, kOnce, kStable };
 
 // Bounds the rereads of a record that keeps changing under an unlocked reader; each writer holds
 // its lock for microseconds, so agreement within a few tries is the rule.
@@ -367,9 +367,9 @@ ssize_t read_all(int fd, char *buf, ReadMode mode) {
 // The record's bytes as two consecutive reads agree on them, or -1 (EAGAIN when they never did).
 ssize_t read_stable(int fd, char *buf) {
     char again[kRecordMax];
-    ssize_t got = read_all(fd, buf, ReadMode::kUnlocked);
+    ssize_t got = read_all(fd, buf, ReadMode::kStable);
     for (int i = 0; got >= 0 && i < kStableReads; ++i) {
-        const ssize_t next = read_all(fd, again, ReadMode::kUnlocked);
+        const ssize_t next = read_all(fd, again, ReadMode::kStable);
         if (next < 0) return -1;
         if (next == got && std::memcmp(buf, again, static_cast<size_t>(got)) == 0) return got;
         std::memcpy(buf, again, static_cast<size_t>(next));
@@ -382,8 +382,7 @@ ssize_t read_stable(int fd, char *buf) {
 int read_record(int fd, long long *value, int *revision, ReadMode mode) {
     if (!value) return -1;
     char buf[kRecordMax + 1];
-    const ssize_t read =
-        mode == ReadMode::kUnlocked ? read_stable(fd, buf) : read_all(fd, buf, mode);
+    const ssize_t read = mode == ReadMode::kStable ? read_stable(fd, buf) : read_all(fd, buf, mode);
     if (read < 0) return -1;
     const size_t got = static_cast<size_t>(read);
     buf[got] = '\0';
@@ -635,12 +634,11 @@ bool batched_sum(int kind, const char *id, const char *parent_id, long long &sum
 
 // ---- quota files a walk has just settled -----------------------------------------------------
 
-// The quota files one walk has just written, or found clean and current, with the values they
-// hold: a parent sums its children from here instead of opening every child file again, which
-// is most of the file work of a refresh. A file is listed only once its dirty mark is known to
-// be gone, so such a sum is as exact as one over the files read back. The entries of an
-// account's children are dropped once the account's own files are done, and the whole list at
-// the end of the walk.
+// The quota files one walk has just written, with the values they hold: a parent sums its children
+// from here instead of opening every child file again, which is most of the file work of a refresh.
+// A file is listed only once its dirty mark is known to be gone, so such a sum is as exact as one
+// over the files read back. The entries of an account's children are dropped once the account's own
+// files are done, and the whole list at the end of the walk.
 struct FreshFiles {
     std::unordered_map<std::string, long long> values;
     std::vector<std::string> order;
@@ -877,7 +875,7 @@ bool rev_in_range(const char *path, long long &value, int at = AT_FDCWD) {
     qx::UniqueFd fd = open_regular(path, O_RDONLY, 0, at);
     if (!fd) return false;
     int revision = -1;
-    if (read_record(fd.get(), &value, &revision, ReadMode::kUnlocked) != 0) return false;
+    if (read_record(fd.get(), &value, &revision, ReadMode::kStable) != 0) return false;
     return revision >= 0 && revision <= kRevisionLimit;
 }
 
@@ -907,10 +905,12 @@ class AccountDir {
     }
 
     // The skip test of an unforced refresh: the file is not marked dirty and holds a record
-    // whose revision is in range (value receives it). One listing of the directory answers for
+    // whose revision is in range. value, when given, receives the record's value: that takes two
+    // reads that agree, where the test alone needs one, since a record torn by a concurrent
+    // update still carries one of the two revisions. One listing of the directory answers for
     // the marks and file types of all kinds, where a lookup per file used to; whatever the
     // listing cannot tell (links, unknown types) is asked of the file itself as before.
-    bool clean_and_current(const std::string &path, long long &value) {
+    bool clean_and_current(const std::string &path, long long *value) {
         const char *name = nullptr;
         const int at = this->at(path, name);
         const std::string mark = dirty_mark(name);
@@ -920,10 +920,13 @@ class AccountDir {
         } else if (mark_type != kAbsent) {
             return false;
         }
-        if (listed(at, name) != DT_REG) return rev_in_range(name, value, at);
+        long long scratch = 0;
+        if (listed(at, name) != DT_REG) return rev_in_range(name, value ? *value : scratch, at);
         qx::UniqueFd fd(::openat(at, name, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
         int revision = -1;
-        if (!fd || read_record(fd.get(), &value, &revision, ReadMode::kUnlocked) != 0) return false;
+        const ReadMode mode = value ? ReadMode::kStable : ReadMode::kOnce;
+        if (!fd || read_record(fd.get(), value ? value : &scratch, &revision, mode) != 0)
+            return false;
         return revision >= 0 && revision <= kRevisionLimit;
     }
 
@@ -1038,7 +1041,7 @@ int child_sum(const char *id, int kind, const char *dir, AccountDir &account_dir
             exact = false;
             continue;
         }
-        if (read_record(fd.get(), &value, nullptr, ReadMode::kUnlocked) != 0) {
+        if (read_record(fd.get(), &value, nullptr, ReadMode::kStable) != 0) {
             if (exact) cause = qx::format("child file %s holds no valid record", path.c_str());
             exact = false;
             continue;
@@ -1153,10 +1156,11 @@ void abandon_account(const char *id, int kind, const std::string &dir, const cha
 }
 
 // The account's own files, over its children's files as they are now. current receives each
-// value written. -1 only when the files could not be owned by asterisk.
+// value written, and with want_value also each value found clean. -1 only when the files could
+// not be owned by asterisk.
 int refresh_own_files(const char *id, const char *parent_id, const char *grandparent_id, int level,
                       int kind, const std::string &dir, int force, long long &current,
-                      RefreshFaults &faults) {
+                      bool want_value, RefreshFaults &faults) {
     const int first = kind == kKindAll ? 0 : kind;
     const int last = kind == kKindAll ? kKindCount - 1 : kind;
     bool dirs_tried = false;
@@ -1165,10 +1169,10 @@ int refresh_own_files(const char *id, const char *parent_id, const char *grandpa
     AccountDir account_dir(dir);
     for (int k = first; k <= last; ++k) {
         const std::string path = kind_file(dir, k);
-        if (force < 1 && account_dir.clean_and_current(path, current)) {
-            fresh_files().add(path, current);
+        // A file left as it is gives no value to the parent's sum, which reads it again: in a
+        // clean tree no parent is summed, and the skip test is the whole unforced refresh.
+        if (force < 1 && account_dir.clean_and_current(path, want_value ? &current : nullptr))
             continue;
-        }
 
         std::string cause;
         long long own = 0;
@@ -1293,7 +1297,7 @@ int walk_subtree(const char *id, const char *parent_id, const char *grandparent_
     dir.resize(base);
     forget_children.to = fresh_files().order.size();
     return refresh_own_files(id, parent_id, grandparent_id, level, kind, dir, force, current,
-                             faults);
+                             total_out != nullptr, faults);
 }
 
 // What a refresh target's walk starts from.
@@ -1427,7 +1431,7 @@ int refresh_own(const Account &account, int kind) {
     long long current = 0;
     refresh_own_files(text_or_null(account.id), text_or_null(account.parent),
                       text_or_null(account.grandparent), account.level, kind, account.dir,
-                      account.force, current, faults);
+                      account.force, current, false, faults);
     return faults.count;
 }
 
@@ -1474,7 +1478,7 @@ int read_quota(unsigned account_id, unsigned parent_id, unsigned grandparent_id,
         qx::UniqueFd fd = open_regular(path.c_str(), O_RDONLY);
         if (fd)
             read_record(fd.get(), &values[slot], revisions ? &revisions[slot] : nullptr,
-                        ReadMode::kUnlocked);
+                        ReadMode::kStable);
     }
     return 0;
 }
@@ -1625,7 +1629,7 @@ int fast_update_file(const char *path, long long delta, int wait) {
     if (!created) {
         value = -1;
         revision = -1;
-        if (read_record(fd.get(), &value, &revision, ReadMode::kLocked) != 0 || value == -1 ||
+        if (read_record(fd.get(), &value, &revision, ReadMode::kOnce) != 0 || value == -1 ||
             revision == -1) {
             set_dirty(path);
             return static_cast<int>(value);
