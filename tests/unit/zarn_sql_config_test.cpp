@@ -99,6 +99,13 @@ TEST_F(SqlServerList, ProblemsAreLoggedAndNoSessionIsInvented) {
     EXPECT_TRUE(log.contains("DB_MASTER line [2] in <" + path_ + "> is longer than 255 bytes"));
     EXPECT_EQ(nullptr, fr_sqlpool_conn_get(0));  // no master
     EXPECT_EQ(nullptr, fr_sqlpool_conn_get(1));  // no such shard
+    // 255 bytes before the newline still fit the line buffer; 256 do not.
+    string fits = "DB_SLAVE main:h:2", cut = "DB_MASTER main:h:1";
+    fits.resize(255, ' '), cut.resize(256, ' ');
+    dir_.write("servers.conf", "\n\n" + fits + "\n" + cut + "\n");
+    fr_sql_shard_parse_connection_info(path_.c_str(), nullptr, 1);
+    EXPECT_FALSE(log.contains("line [3] in <" + path_ + "> is longer"));
+    EXPECT_TRUE(log.contains("DB_MASTER line [4] in <" + path_ + "> is longer than 255 bytes"));
 
     fr_sqlpool_down_time_set(-5);
     EXPECT_EQ(0, fr_sqlpool_down_time_get());
